@@ -1,0 +1,6 @@
+#include "cloud/CloudAPI.h"
+
+CloudAPI::CloudAPI(QObject *parent)
+    : QObject(parent)
+{
+}

@@ -1,0 +1,6 @@
+#include "files/ImgSeqConverter.h"
+
+ImgSeqConverter::ImgSeqConverter(QObject *parent)
+    : QObject(parent)
+{
+}

@@ -1,0 +1,6 @@
+#include "files/TFileManager.h"
+
+TFileManager::TFileManager(QObject *parent)
+    : QObject(parent)
+{
+}

@@ -1,0 +1,6 @@
+#include "files/TProcess.h"
+
+TProcess::TProcess(QObject *parent)
+    : QProcess(parent)
+{
+}

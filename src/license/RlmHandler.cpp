@@ -1,0 +1,6 @@
+#include "license/RlmHandler.h"
+
+RlmHandler::RlmHandler(QObject *parent)
+    : QObject(parent)
+{
+}

@@ -1,0 +1,6 @@
+#include "models/NetworkRequestManager.h"
+
+NetworkRequestManager::NetworkRequestManager(QObject *parent)
+    : QObject(parent)
+{
+}

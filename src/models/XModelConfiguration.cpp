@@ -1,0 +1,6 @@
+#include "models/XModelConfiguration.h"
+
+XModelConfiguration::XModelConfiguration(QObject *parent)
+    : QObject(parent)
+{
+}

@@ -1,0 +1,6 @@
+#include "playback/IsolatedPlayer.h"
+
+IsolatedPlayer::IsolatedPlayer(QObject *parent)
+    : QObject(parent)
+{
+}

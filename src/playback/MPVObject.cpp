@@ -1,0 +1,6 @@
+#include "playback/MPVObject.h"
+
+MPVObject::MPVObject(QQuickItem *parent)
+    : QQuickItem(parent)
+{
+}

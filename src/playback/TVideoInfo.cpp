@@ -1,0 +1,6 @@
+#include "playback/TVideoInfo.h"
+
+TVideoInfo::TVideoInfo(QObject *parent)
+    : QObject(parent)
+{
+}

@@ -1,0 +1,6 @@
+#include "playback/TVideoView.h"
+
+TVideoView::TVideoView(QObject *parent)
+    : QObject(parent)
+{
+}

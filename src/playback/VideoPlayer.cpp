@@ -1,0 +1,10 @@
+#include "playback/VideoPlayer.h"
+
+namespace videoplayer {
+
+VideoPlayer::VideoPlayer(QObject *parent)
+    : QObject(parent)
+{
+}
+
+} // namespace videoplayer

@@ -1,0 +1,6 @@
+#include "telemetry/AmplitudeApi.h"
+
+AmplitudeApi::AmplitudeApi(QObject *parent)
+    : QObject(parent)
+{
+}

@@ -1,0 +1,6 @@
+#include "telemetry/TEventTracker.h"
+
+TEventTracker::TEventTracker(QObject *parent)
+    : QObject(parent)
+{
+}

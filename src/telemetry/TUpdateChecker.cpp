@@ -1,0 +1,6 @@
+#include "telemetry/TUpdateChecker.h"
+
+TUpdateChecker::TUpdateChecker(QObject *parent)
+    : QObject(parent)
+{
+}
