@@ -1,0 +1,3 @@
+#include "files/FileManagerLogging.h"
+
+Q_LOGGING_CATEGORY(lcFileManager, "kutils.files")
