@@ -1,0 +1,81 @@
+#include "videoio/VideoManager.h"
+
+#include "videoio/FFReader.h"
+
+namespace videoio {
+
+VideoManager &VideoManager::GetInstance()
+{
+    static VideoManager instance;
+    return instance;
+}
+
+std::shared_ptr<Reader> VideoManager::GetReader(const QString &path)
+{
+    return GetInstance().sharedReader(path);
+}
+
+std::shared_ptr<Reader> VideoManager::GetNewReader(const QString &path)
+{
+    return std::make_shared<FFReader>(path);
+}
+
+std::shared_ptr<Reader> VideoManager::sharedReader(const QString &path)
+{
+    // Opening is slow, and two fetchers of one path must share one reader:
+    // the table stays locked while the file opens.
+    const QMutexLocker lock(&m_mutex);
+    auto &entry = m_readers[path];
+    if (!entry || !entry->isOpen())
+        entry = std::make_shared<FFReader>(path);
+    return entry;
+}
+
+void VideoManager::remove(const QString &path, bool closeReader)
+{
+    std::shared_ptr<Reader> reader;
+    {
+        const QMutexLocker lock(&m_mutex);
+        const auto it = m_readers.find(path);
+        if (it == m_readers.end())
+            return;
+        reader = std::move(it->second);
+        m_readers.erase(it);
+    }
+    if (closeReader && reader)
+        reader->close();
+}
+
+void VideoManager::removeAll()
+{
+    std::map<QString, std::shared_ptr<Reader>> readers;
+    {
+        const QMutexLocker lock(&m_mutex);
+        readers.swap(m_readers);
+    }
+    for (const auto &[path, reader] : readers) {
+        if (reader)
+            reader->close();
+    }
+}
+
+void VideoManager::updateVideoInfo(const QString &path, const QVariantMap &info)
+{
+    std::shared_ptr<Reader> reader;
+    {
+        const QMutexLocker lock(&m_mutex);
+        const auto it = m_readers.find(path);
+        if (it != m_readers.end())
+            reader = it->second;
+    }
+    if (reader)
+        reader->updateInfo(info);
+}
+
+int VideoManager::count() const
+{
+    const QMutexLocker lock(&m_mutex);
+    return static_cast<int>(m_readers.size());
+}
+
+} // namespace videoio
