@@ -1,12 +1,92 @@
 #pragma once
 
-#include <QQuickItem>
+#include "playback/MPVPlayer.h"
+#include "timeline/ConsoleLogger.h"
 
-// One mpv pane: a native child window in the scene that mpv draws into.
+#include <QPointF>
+#include <QQuickItem>
+#include <QVariantMap>
+
+#include <memory>
+#include <string>
+
+namespace os {
+class NativeSurface;
+}
+
+// One mpv pane in the scene: mpv draws by itself into a native child window
+// that follows this item, and its events come back as Qt signals. Pane 1 (the
+// right one) applies the split zoom and pan factors.
 class MPVObject : public QQuickItem
 {
     Q_OBJECT
 
 public:
     explicit MPVObject(QQuickItem *parent = nullptr);
+    ~MPVObject() override;
+
+    // For tests and tools: the player behind the pane and its native window.
+    MPVPlayer &player();
+    os::NativeSurface *surface() const;
+    bool isInitialized() const;
+
+signals:
+    void eventsAvailable();
+    void timePosFullChanged(int mpvID, qlonglong pos, bool isEOF = false);
+    void fileLoaded(int mpvID);
+    void paused(int mpvID);
+    void seekingChanged(int mpvID, bool value);
+    void relativeTimeChanged(double);
+    void endOfFile();
+    void resumed();
+
+public slots:
+    void setMPVID(int id);
+    void play();
+    void pause();
+    void updateHDRStatus();
+    void seek(qlonglong position);
+    void stepForward();
+    void stepBackward();
+    void load(const QString &filepath, qlonglong seekPosAfterLoaded = 0);
+    void load(const std::string &filepath, qlonglong seekPosAfterLoaded = 0);
+    void movePan(QPointF pos);
+    void setZoom(double zoom);
+    void setCrop(int x, int y, int w, int h);
+    void clearCrop();
+    void applyFilter(std::string filter_complex);
+    void setMute(bool mute);
+    void setVolume(int volume);
+    void setFramerate(float framerate);
+    void setResizeMode(int mode);
+    void setSplitZoomFactor(float factor);
+    void setSplitPanXFactor(double splitPanX);
+    std::string getCurrentPlayingVideoPath();
+    void executeCommand(QString command, bool async = false);
+    double getPropertyDouble(QString propertyName);
+    std::string getPropertyString(QString propertyName);
+    double getPropertyInt(QString propertyName);
+
+protected:
+    void geometryChange(const QRectF &newGeometry, const QRectF &oldGeometry) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
+
+private slots:
+    void setup(QQuickWindow *window);
+    void checkEvents();
+
+private:
+    void createSurface();
+    void applyGeometry();
+    static void onWakeup(void *context);
+
+    MPVPlayer mpvPlayer;
+    std::unique_ptr<os::NativeSurface> container;
+    int mpvID = -1;
+    QVariantMap properties;
+    int resizeMode = 0;
+    float splitZoomFactor = 1.0f;
+    double splitPanXFactor = 0.0;
+    bool initialized = false;
+    ConsoleLogger log;
 };
