@@ -266,15 +266,11 @@ ff::FramePtr FFReader::decodeNext()
     }
 }
 
-bool FFReader::seekDemuxer(int64_t target, bool fromStart)
+bool FFReader::seekDemuxer(int64_t target, bool rewind)
 {
-    int r = -1;
-    if (fromStart && m_canByteSeek)
-        r = av_seek_frame(m_input.get(), -1, 0, AVSEEK_FLAG_BYTE);
-    if (r < 0) {
-        const int64_t ts = fromStart ? m_startPts : target;
-        r = avformat_seek_file(m_input.get(), m_stream, INT64_MIN, ts, ts, 0);
-    }
+    const int64_t ts = std::max(target, m_startPts);
+    const int r = rewind ? av_seek_frame(m_input.get(), -1, 0, AVSEEK_FLAG_BYTE)
+                         : avformat_seek_file(m_input.get(), m_stream, INT64_MIN, ts, ts, 0);
     avcodec_flush_buffers(m_decoder.get());
     m_demuxEnded = false;
     m_waitForKey = true;
@@ -309,14 +305,22 @@ bool FFReader::seekToPts(int64_t target, int serial)
     }
 
     int64_t margin = 0;
+    bool triedBytes = false;
     for (;;) {
         const bool fromStart = target - margin <= m_startPts;
-        seekDemuxer(target - margin, fromStart);
+        // Some demuxers don't reach the first packet by timestamp (Matroska
+        // lands on a later cue): rewinding the bytes is the last resort.
+        const bool byBytes = fromStart && triedBytes;
+        seekDemuxer(target - margin, byBytes);
         ff::FramePtr best = decodeNext();
-        if (!best && fromStart)
+        const bool lastResort = byBytes || (fromStart && !m_canByteSeek);
+        if (!best && lastResort)
             return false;
-        if (!best || (!fromStart && best->pts > target)) {
-            margin = margin == 0 ? oneSecond : margin * 2;
+        if (!best || (!lastResort && best->pts > target)) {
+            if (fromStart)
+                triedBytes = true;
+            else
+                margin = margin == 0 ? oneSecond : margin * 2;
             continue;
         }
         while (!interrupted()) {

@@ -51,7 +51,8 @@ private:
     bool receive(AVFrame *out);
     // Makes the picture shown at stream time `target` current.
     bool seekToPts(int64_t target, int serial);
-    bool seekDemuxer(int64_t target, bool fromStart);
+    // Positions the demuxer at or before `target`, or at byte 0 with `rewind`.
+    bool seekDemuxer(int64_t target, bool rewind);
     void setCurrent(ff::FramePtr frame);
 
     int64_t ptsOf(const AVFrame *frame) const;
