@@ -225,7 +225,7 @@ QString TFileManager::makeFormatString(QString path)
     const QString number = last.captured();
     // Only a leading zero tells a padded number: "1200" could be either.
     const QString pattern = number.startsWith(QLatin1Char('0'))
-        ? QStringLiteral("%0%1d").arg(number.size())
+        ? QLatin1String("%0") + QString::number(number.size()) + QLatin1Char('d')
         : QStringLiteral("%d");
     return path.replace(last.capturedStart(), last.capturedLength(), pattern);
 }
