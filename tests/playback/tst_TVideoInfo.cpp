@@ -1,0 +1,131 @@
+// Drives TVideoInfo as the front end does: through the built plugin and a QML
+// engine, with no kutils archive linked in.
+
+#include "../platform/VideoioMedia.h"
+
+#include <QFile>
+#include <QQmlComponent>
+#include <QQmlEngine>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
+using namespace videoio::testing;
+
+class tst_TVideoInfo : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    QQmlEngine m_engine;
+    std::unique_ptr<QObject> m_info;
+
+    QString path(const QString &name) const { return m_dir.filePath(name); }
+
+    void request(const QString &file, const QString &uid, const QVariantMap &remembered = {})
+    {
+        QVERIFY(QMetaObject::invokeMethod(m_info.get(), "getVideoInfo", Q_ARG(QString, file), Q_ARG(QString, uid),
+                                          Q_ARG(QString, path("thumbs")), Q_ARG(QVariantMap, remembered)));
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QCOMPARE(makeH264(path("clip.mp4"), 20), QString());
+        m_engine.addImportPath(QStringLiteral(KUTILS_QML_IMPORT_DIR));
+        QQmlComponent component(&m_engine);
+        component.setData("import kutils 1.0\nTVideoInfo {}", QUrl());
+        m_info.reset(component.create());
+        QVERIFY2(m_info, qPrintable(component.errorString()));
+    }
+
+    void aRealVideoGivesItsInfoAndAThumbnailFile_data()
+    {
+        QTest::addColumn<QVariantMap>("remembered");
+        QTest::addColumn<bool>("telecined");
+        QTest::newRow("nothing remembered") << QVariantMap() << false;
+        // A remembered resolution must not replace the measured one.
+        QTest::newRow("remembered map") << QVariantMap{{"resolution", QSize(1, 1)}, {"isTelecined", true}} << true;
+    }
+    void aRealVideoGivesItsInfoAndAThumbnailFile()
+    {
+        QFETCH(QVariantMap, remembered);
+        QFETCH(bool, telecined);
+        QSignalSpy infos(m_info.get(), SIGNAL(videoInfoAvailable(QString,QVariantMap)));
+        // A fresh copy per row, so that the shared reader of an earlier row
+        // doesn't carry its info over.
+        const QString file = path(QStringLiteral("clip-%1.mp4").arg(QTest::currentDataTag()).replace(' ', '-'));
+        QFile::copy(path("clip.mp4"), file);
+        request(file, "u7", remembered);
+        QVERIFY(infos.wait(10000));
+        QCOMPARE(infos.first().at(0).toString(), file);
+        const QVariantMap info = infos.first().at(1).toMap();
+        QCOMPARE(info["uid"].toString(), "u7");
+        QCOMPARE(info["resolution"].toSize(), QSize(320, 240));
+        QCOMPARE(info["duration"].toLongLong(), 667);
+        QCOMPARE(info["isTelecined"].toBool(), telecined);
+        QCOMPARE(info["thumbnail"].toString(), "image://thumbnail/u73");
+        QCOMPARE(info["thumbnailDiskLocation"].toString(), path("thumbs/u73.jpg"));
+        QVERIFY(QFile::exists(path("thumbs/u73.jpg")));
+    }
+
+    void aMissingFileGivesTheErrorAndNoInfo()
+    {
+        QSignalSpy infos(m_info.get(), SIGNAL(videoInfoAvailable(QString,QVariantMap)));
+        QSignalSpy errors(m_info.get(), SIGNAL(readerError(QString,QString)));
+        request(path("missing.mp4"), "m1");
+        QVERIFY(errors.wait(10000));
+        QCOMPARE(errors.first().at(0).toString(), path("missing.mp4"));
+        QCOMPARE(errors.first().at(1).toString(), "Unable to open file at " + path("missing.mp4"));
+        QCOMPARE(infos.count(), 0);
+    }
+
+    void twoRequestsForOneFileGiveTwoAnswers()
+    {
+        QSignalSpy infos(m_info.get(), SIGNAL(videoInfoAvailable(QString,QVariantMap)));
+        request(path("clip.mp4"), "a");
+        request(path("clip.mp4"), "b");
+        QTRY_COMPARE_WITH_TIMEOUT(infos.count(), 2, 10000);
+        const QSet<QString> uids{infos.at(0).at(1).toMap()["uid"].toString(),
+                                 infos.at(1).at(1).toMap()["uid"].toString()};
+        QCOMPARE(uids, QSet<QString>({"a", "b"}));
+    }
+
+    void codecQuestions_data()
+    {
+        QTest::addColumn<int>("codec");
+        QTest::addColumn<QString>("ext");
+        QTest::addColumn<bool>("usable");
+        QTest::addColumn<QString>("name");
+        QTest::newRow("h264 in mp4") << int(AV_CODEC_ID_H264) << "mp4" << true << "h264";
+        QTest::newRow("h264 with a dot") << int(AV_CODEC_ID_H264) << ".mkv" << true << "h264";
+        QTest::newRow("prores not in webm") << int(AV_CODEC_ID_PRORES) << "webm" << false << "prores";
+        QTest::newRow("unknown extension") << int(AV_CODEC_ID_H264) << "nosuchext" << false << "h264";
+    }
+    void codecQuestions()
+    {
+        QFETCH(int, codec);
+        QFETCH(QString, ext);
+        QFETCH(bool, usable);
+        QFETCH(QString, name);
+        bool answer = !usable;
+        QVERIFY(QMetaObject::invokeMethod(m_info.get(), "isCodecUsableInContainer", Q_RETURN_ARG(bool, answer),
+                                          Q_ARG(int, codec), Q_ARG(QString, ext)));
+        QCOMPARE(answer, usable);
+        QString codecName;
+        QVERIFY(QMetaObject::invokeMethod(m_info.get(), "getCodecName", Q_RETURN_ARG(QString, codecName),
+                                          Q_ARG(int, codec)));
+        QCOMPARE(codecName, name);
+    }
+
+    void cleanupTestCase() { m_info.reset(); }
+};
+
+QTEST_MAIN(tst_TVideoInfo)
+#include "tst_TVideoInfo.moc"
