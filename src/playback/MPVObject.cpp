@@ -25,6 +25,10 @@ MPVObject::MPVObject(QQuickItem *parent)
     log.prefix = QStringLiteral("MPVObject <>===---");
     connect(this, &QQuickItem::windowChanged, this, &MPVObject::setup);
     connect(this, &MPVObject::eventsAvailable, this, &MPVObject::checkEvents, Qt::QueuedConnection);
+    // An item made with a parent already in a scene has its window before the
+    // connection above exists.
+    if (window())
+        setup(window());
 }
 
 MPVObject::~MPVObject()
@@ -34,6 +38,13 @@ MPVObject::~MPVObject()
         mpv_set_wakeup_callback(mpvPlayer.handle(), nullptr, nullptr);
     if (window())
         window()->removeEventFilter(this);
+#ifndef Q_OS_WIN
+    // mpv keeps a window of its own inside ours. On X11, destroying ours first
+    // makes mpv's teardown unmap a window that is gone, and the X library's
+    // default error handler, which mpv restores while it shuts down, ends the
+    // process. So mpv lets go of its window before ours goes.
+    mpvPlayer.terminate();
+#endif
     // The window goes first, then the members, and the mpv context last (it is
     // the first member, so it is destroyed after all the others).
     container.reset();

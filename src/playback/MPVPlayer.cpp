@@ -74,6 +74,11 @@ bool MPVPlayer::isValid() const
     return mpv != nullptr;
 }
 
+void MPVPlayer::terminate()
+{
+    mpv.reset();
+}
+
 void MPVPlayer::setOption(const char *name, const char *value)
 {
     const int result = mpv_set_option_string(mpv.get(), name, value);

@@ -29,6 +29,8 @@ public:
 
     mpv_handle *handle() const;
     bool isValid() const;
+    // Ends the mpv context now instead of at destruction.
+    void terminate();
 
     void setMPVID(int id);
     int getMPVID() const;

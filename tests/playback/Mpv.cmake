@@ -1,0 +1,9 @@
+# The mpv panes, their nodes and the player's request queue.
+kutils_add_test(tst_SyncMath SOURCES tst_SyncMath.cpp LIBS kutils_playback)
+kutils_add_test(tst_VPReqQueue SOURCES tst_VPReqQueue.cpp LIBS kutils_playback)
+kutils_add_test(tst_ViewNode SOURCES tst_ViewNode.cpp LIBS kutils_playback)
+# Real libmpv drawing into native child windows of one Quick window under Xvfb.
+kutils_add_test(tst_MPVObject SOURCES tst_MPVObject.cpp LIBS kutils_playback Qt6::Quick GUI SERIAL TIMEOUT 240)
+# The same native surface at a device pixel ratio of 2.
+kutils_add_test(tst_NativeSurface SOURCES tst_NativeSurface.cpp LIBS kutils_playback Qt6::Quick GUI
+                ENV QT_SCALE_FACTOR=2)
