@@ -21,9 +21,10 @@ TSType endOf(const Video &video)
     return end;
 }
 
+// Plain concatenation: these run for every stretch of every listing, where arg() parsing shows.
 QString rangeText(TSType x, TSType y)
 {
-    return QStringLiteral("(%1, %2)").arg(x).arg(y);
+    return QLatin1Char('(') + QString::number(x) + QStringLiteral(", ") + QString::number(y) + QLatin1Char(')');
 }
 
 QString rangeText(const TimeRange &range)
@@ -416,9 +417,9 @@ void Timeline::logStretches(const QString &rangesLabel, const QString &videosLab
         const std::shared_ptr<Video> &owner = rData.videos[i];
         ranges += QLatin1Char(' ') + rangeText(range);
         if (withFrames && owner)
-            ranges += QStringLiteral("[%1, %2]")
-                          .arg(frameAt(range.first, owner->framerate))
-                          .arg(frameAt(range.second, owner->framerate));
+            ranges += QLatin1Char('[') + QString::number(frameAt(range.first, owner->framerate))
+                      + QStringLiteral(", ") + QString::number(frameAt(range.second, owner->framerate))
+                      + QLatin1Char(']');
         owners += isInput(owner) ? QStringLiteral(" I") : QStringLiteral(" P");
     }
     log.log(ranges);
