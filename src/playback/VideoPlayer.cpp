@@ -15,7 +15,7 @@ namespace {
 
 // Quarter turns to send to mpv: table[rotation + originalRotation * 4], which is
 // (rotation - originalRotation) mod 4 over the codes 0 cw, 1 half, 2 ccw, 3 none.
-constexpr std::array<int, 16> rotationTable{0, 3, 2, 1, 1, 0, 3, 2, 2, 1, 0, 3, 3, 2, 1, 0};
+constexpr std::array<int, 16> rotationTable{0, 1, 2, 3, 3, 0, 1, 2, 2, 3, 0, 1, 1, 2, 3, 0};
 
 const QString kBlackAndWhiteFilter = QStringLiteral(" format=yuv420p,extractplanes=y");
 
