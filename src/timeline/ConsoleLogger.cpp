@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 
+#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <mutex>
@@ -14,6 +15,8 @@ std::mutex &sinkMutex()
     static std::mutex mutex;
     return mutex;
 }
+
+std::atomic<bool> sinkInstalled{false};
 
 ConsoleLogger::Sink &captureSink()
 {
@@ -91,6 +94,11 @@ void ConsoleLogger::log(const QString &message, int level) const
     std::fflush(stdout);
 }
 
+bool ConsoleLogger::isListening() const
+{
+    return enabled || sinkInstalled.load(std::memory_order_relaxed);
+}
+
 void ConsoleLogger::toggleTag(const QString &text)
 {
     if (prefix.contains(text))
@@ -102,5 +110,6 @@ void ConsoleLogger::toggleTag(const QString &text)
 void ConsoleLogger::setCaptureSink(Sink sink)
 {
     std::lock_guard lock(sinkMutex());
+    sinkInstalled = bool(sink);
     captureSink() = std::move(sink);
 }

@@ -3,6 +3,7 @@
 #include <QString>
 
 #include <functional>
+#include <type_traits>
 
 // The console channel of the timeline and playback classes. Silent until
 // `enabled` is set; a test can watch every call through a capture sink.
@@ -23,6 +24,18 @@ public:
     QString prefix;
 
     void log(const QString &message, int level = Info) const;
+
+    // For messages that cost something to build (listings in loops): the text
+    // is made only when someone will read it.
+    template<typename MakeMessage, typename = std::enable_if_t<std::is_invocable_r_v<QString, MakeMessage>>>
+    void log(MakeMessage &&makeMessage, int level = Info) const
+    {
+        if (isListening())
+            log(QString(makeMessage()), level);
+    }
+
+    // Enabled, or watched by a capture sink.
+    bool isListening() const;
     void toggleTag(const QString &text);
 
     // The line `log` writes for these values, colours included.

@@ -66,12 +66,12 @@ void Timeline::setInput(std::shared_ptr<Video> video)
 {
     if (!video || video == input)
         return;
-    log.log(QStringLiteral("Set the input to ") + pathOf(video));
+    log.log([&] { return QStringLiteral("Set the input to ") + pathOf(video); });
     input = std::move(video);
     clear();
-    log.log(QStringLiteral("Set the input range to ") + rangeText(rData.ranges.front()));
-    log.log(QStringLiteral("All my sizes on init: ") + QString::number(rData.ranges.size()) + QLatin1Char(' ')
-            + QString::number(rData.videos.size()));
+    log.log([&] { return QStringLiteral("Set the input range to ") + rangeText(rData.ranges.front()); });
+    log.log([&] { return QStringLiteral("All my sizes on init: ") + QString::number(rData.ranges.size()) + QLatin1Char(' ')
+            + QString::number(rData.videos.size()); });
 }
 
 void Timeline::addVideo(std::shared_ptr<Video> video)
@@ -82,7 +82,7 @@ void Timeline::addVideo(std::shared_ptr<Video> video)
     }
     const TSType start = video->startOffset;
     const TSType end = endOf(*video);
-    log.log(QStringLiteral("There are ") + QString::number(videosByStart.size()) + QStringLiteral(" existing videos."));
+    log.log([&] { return QStringLiteral("There are ") + QString::number(videosByStart.size()) + QStringLiteral(" existing videos."); });
 
     startTimes.insert(start);
     // The first preview at a start keeps the place.
@@ -90,9 +90,9 @@ void Timeline::addVideo(std::shared_ptr<Video> video)
     rangeByVideo[video] = {start, end};
     videosByUID[video->uid] = video;
 
-    log.log(QStringLiteral("Added new video ==") + pathOf(video) + QStringLiteral("== to timeline with adjusted range ")
+    log.log([&] { return QStringLiteral("Added new video ==") + pathOf(video) + QStringLiteral("== to timeline with adjusted range ")
             + rangeText(start, end) + QStringLiteral(", there are now ") + QString::number(videosByUID.size())
-            + QStringLiteral(" videos in this timeline."));
+            + QStringLiteral(" videos in this timeline."); });
     _appendToRData(std::move(video));
 }
 
@@ -120,12 +120,12 @@ void Timeline::_appendToRData(const std::shared_ptr<Video> &video, int &displace
            && !(rData.ranges[i].first <= preview.second && preview.first <= rData.ranges[i].second))
         ++i;
     if (i == rData.ranges.size()) {
-        log.log(QStringLiteral("notinjecting last preview why ") + QString::number(preview.first) + QStringLiteral(" <> ")
-                    + QString::number(preview.second),
+        log.log([&] { return QStringLiteral("notinjecting last preview why ") + QString::number(preview.first) + QStringLiteral(" <> ")
+                    + QString::number(preview.second); },
                 ConsoleLogger::Warn);
         if (!rData.ranges.empty())
-            log.log(QStringLiteral("notinjecting last preview why ") + QString::number(rData.ranges.back().first)
-                        + QStringLiteral(" <> ") + QString::number(rData.ranges.back().second),
+            log.log([&] { return QStringLiteral("notinjecting last preview why ") + QString::number(rData.ranges.back().first)
+                        + QStringLiteral(" <> ") + QString::number(rData.ranges.back().second); },
                     ConsoleLogger::Warn);
         log.toggleTag(kAppendTag);
         return;
@@ -138,20 +138,20 @@ void Timeline::_appendToRData(const std::shared_ptr<Video> &video, int &displace
 
     logStretches(QStringLiteral("All my pre ranges"), QStringLiteral("All my pre videos"), false);
     log.log(QStringLiteral("All my pre insert finished"));
-    log.log(QStringLiteral("$$_$$ All my conflictRange: ") + rangeText(conflictRange));
-    log.log(QStringLiteral("$$_$$ All my previewRange: ") + rangeText(preview));
+    log.log([&] { return QStringLiteral("$$_$$ All my conflictRange: ") + rangeText(conflictRange); });
+    log.log([&] { return QStringLiteral("$$_$$ All my previewRange: ") + rangeText(preview); });
 
     if (!isInput(conflict)) {
-        log.log(QStringLiteral("Injecting skipped on range ") + rangeText(preview) + QStringLiteral(" that conflicts w/ ")
-                + rangeText(conflict->startOffset, endOf(*conflict)));
+        log.log([&] { return QStringLiteral("Injecting skipped on range ") + rangeText(preview) + QStringLiteral(" that conflicts w/ ")
+                + rangeText(conflict->startOffset, endOf(*conflict)); });
         // The tag marks one call; the calls below set their own.
         log.toggleTag(kAppendTag);
         if (video->startOffset == conflict->startOffset)
             return;
         if (displacementsLeft <= 0) {
-            log.log(QStringLiteral("Injecting skipped for good on range ") + rangeText(preview)
+            log.log([&] { return QStringLiteral("Injecting skipped for good on range ") + rangeText(preview)
                         + QStringLiteral(": it keeps displacing ") + pathOf(conflict) + QStringLiteral(", leaving ")
-                        + pathOf(video) + QStringLiteral(" out of the timeline"),
+                        + pathOf(video) + QStringLiteral(" out of the timeline"); },
                     ConsoleLogger::Warn);
             return;
         }
@@ -165,8 +165,8 @@ void Timeline::_appendToRData(const std::shared_ptr<Video> &video, int &displace
     }
 
     log.log(QStringLiteral("$$_$$ Hit on input"));
-    log.log(QStringLiteral("All my Injecting: Erasing video: ") + pathOf(conflict) + QLatin1Char(' ')
-            + rangeText(rData.ranges[i]));
+    log.log([&] { return QStringLiteral("All my Injecting: Erasing video: ") + pathOf(conflict) + QLatin1Char(' ')
+            + rangeText(rData.ranges[i]); });
     rData.videos.erase(rData.videos.begin() + std::ptrdiff_t(i));
     rData.ranges.erase(rData.ranges.begin() + std::ptrdiff_t(i));
 
@@ -256,7 +256,7 @@ void Timeline::_removeFromRData(std::shared_ptr<Video> video)
     if (!video || isInput(video))
         return;
     log.toggleTag(kRemoveTag);
-    log.log(QStringLiteral("Timeline::_removeFromRData: ") + rangeText(video->startOffset, endOf(*video)));
+    log.log([&] { return QStringLiteral("Timeline::_removeFromRData: ") + rangeText(video->startOffset, endOf(*video)); });
     log.log(QStringLiteral("====================== Begin _removeFromRData ======================"));
 
     const auto found = std::find(rData.videos.begin(), rData.videos.end(), video);
@@ -334,7 +334,7 @@ void Timeline::deletePreview(UID uid)
 {
     const auto found = videosByUID.find(uid);
     if (found == videosByUID.end()) {
-        log.log(QStringLiteral("Could not delete preview that does not exist: ") + QString::number(uid),
+        log.log([&] { return QStringLiteral("Could not delete preview that does not exist: ") + QString::number(uid); },
                 ConsoleLogger::Warn);
         return;
     }
@@ -345,7 +345,7 @@ void Timeline::deletePreview(UID uid)
     startTimes.erase(video->startOffset);
     rangeByVideo.erase(video);
     videosByUID.erase(uid);
-    log.log(QStringLiteral("Deleted preview ") + QString::number(uid) + QStringLiteral(" from Timeline"));
+    log.log([&] { return QStringLiteral("Deleted preview ") + QString::number(uid) + QStringLiteral(" from Timeline"); });
 }
 
 void Timeline::clear()
@@ -364,18 +364,18 @@ std::vector<std::shared_ptr<Video>> Timeline::getVideos() const
 
 std::shared_ptr<Video> Timeline::getPreviewAt(TSType ts) const
 {
-    log.log(QStringLiteral("Attempting to get preview at timestamp: ") + QString::number(ts));
+    log.log([&] { return QStringLiteral("Attempting to get preview at timestamp: ") + QString::number(ts); });
     for (std::size_t i = 0; i < rData.ranges.size(); ++i) {
         const TimeRange &range = rData.ranges[i];
-        log.log(QStringLiteral("Testing video ") + rangeText(range) + QStringLiteral(" is interesected by ")
-                + QString::number(ts));
+        log.log([&] { return QStringLiteral("Testing video ") + rangeText(range) + QStringLiteral(" is interesected by ")
+                + QString::number(ts); });
         if (range.first <= ts && ts <= range.second && showsPreview(*rData.videos[i])) {
-            log.log(QStringLiteral("found ") + pathOf(rData.videos[i]));
+            log.log([&] { return QStringLiteral("found ") + pathOf(rData.videos[i]); });
             return rData.videos[i];
         }
     }
-    log.log(QStringLiteral("No matching preview! There are ") + QString::number(rData.ranges.size())
-            + QStringLiteral(" videos!"));
+    log.log([&] { return QStringLiteral("No matching preview! There are ") + QString::number(rData.ranges.size())
+            + QStringLiteral(" videos!"); });
     return nullptr;
 }
 
@@ -385,12 +385,12 @@ std::vector<QPoint> Timeline::getPreviewRanges() const
     for (std::size_t i = 0; i < rData.ranges.size(); ++i) {
         if (!showsPreview(*rData.videos[i]))
             continue;
-        log.log(QStringLiteral("found preview ") + pathOf(rData.videos[i]) + QLatin1Char(' ')
-                + rangeText(rData.ranges[i]));
+        log.log([&] { return QStringLiteral("found preview ") + pathOf(rData.videos[i]) + QLatin1Char(' ')
+                + rangeText(rData.ranges[i]); });
         // QML speaks in QPoint, so the ends are cut to 32 bits here.
         result.emplace_back(int(rData.ranges[i].first), int(rData.ranges[i].second));
     }
-    log.log(QStringLiteral("Found ") + QString::number(result.size()) + QStringLiteral(" previews ranges!"));
+    log.log([&] { return QStringLiteral("Found ") + QString::number(result.size()) + QStringLiteral(" previews ranges!"); });
     return result;
 }
 
@@ -410,6 +410,9 @@ RData &Timeline::getRData(TSType ts)
 
 void Timeline::logStretches(const QString &rangesLabel, const QString &videosLabel, bool withFrames) const
 {
+    // Two listings of every stretch per placement: the dearest logging there is.
+    if (!log.isListening())
+        return;
     QString ranges = rangesLabel;
     QString owners = videosLabel;
     for (std::size_t i = 0; i < rData.ranges.size(); ++i) {

@@ -48,8 +48,8 @@ void VideoCoorelationManager::addPreview(PreviewSetUID psUID, UID inputUID, std:
     log.log(QStringLiteral("Adding preview to VideoCoorelationManager"));
     const auto input = inputs.find(inputUID);
     if (input == inputs.end()) {
-        log.log(QStringLiteral("Could not add preview to ") + QString::number(inputUID), ConsoleLogger::Critical);
-        log.log(QStringLiteral("addPreview: Couldn't find inputUID = ") + QString::number(inputUID),
+        log.log([&] { return QStringLiteral("Could not add preview to ") + QString::number(inputUID); }, ConsoleLogger::Critical);
+        log.log([&] { return QStringLiteral("addPreview: Couldn't find inputUID = ") + QString::number(inputUID); },
                 ConsoleLogger::Critical);
         return;
     }
@@ -61,11 +61,11 @@ void VideoCoorelationManager::addPreview(PreviewSetUID psUID, UID inputUID, std:
         log.log(QStringLiteral("addPreview: Attempted to add same preview twice. Aborting."), ConsoleLogger::Warn);
         return;
     }
-    log.log(QStringLiteral("...Adding preview to preview set ") + QString::number(psUID));
+    log.log([&] { return QStringLiteral("...Adding preview to preview set ") + QString::number(psUID); });
     auto &setsOfInput = timelines[inputUID];
     auto timeline = setsOfInput.find(psUID);
     if (timeline == setsOfInput.end()) {
-        log.log(QStringLiteral("...Setting input to ") + pathOf(input->second));
+        log.log([&] { return QStringLiteral("...Setting input to ") + pathOf(input->second); });
         timeline = setsOfInput.emplace(psUID, Timeline()).first;
         timeline->second.setInput(input->second);
     }
@@ -87,7 +87,7 @@ void VideoCoorelationManager::deleteInput(UID inputUID)
 {
     const auto input = inputs.find(inputUID);
     if (input == inputs.end()) {
-        log.log(QStringLiteral("deleteInput: Couldn't find inputUID = ") + QString::number(inputUID),
+        log.log([&] { return QStringLiteral("deleteInput: Couldn't find inputUID = ") + QString::number(inputUID); },
                 ConsoleLogger::Critical);
         return;
     }
@@ -95,16 +95,16 @@ void VideoCoorelationManager::deleteInput(UID inputUID)
         currentInput.reset();
     inputs.erase(input);
     if (timelines.erase(inputUID) == 0)
-        log.log(QStringLiteral("deleteInput: couldn't find timeline for inputUID = ") + QString::number(inputUID),
+        log.log([&] { return QStringLiteral("deleteInput: couldn't find timeline for inputUID = ") + QString::number(inputUID); },
                 ConsoleLogger::Critical);
     // Its previews stay registered.
-    log.log(QStringLiteral("Deleted inputUID: ") + QString::number(inputUID));
+    log.log([&] { return QStringLiteral("Deleted inputUID: ") + QString::number(inputUID); });
 }
 
 void VideoCoorelationManager::deletePreview(UID uid)
 {
     if (previews.count(uid) == 0) {
-        log.log(QStringLiteral("deletePreview: Could not find preview ") + QString::number(uid));
+        log.log([&] { return QStringLiteral("deletePreview: Could not find preview ") + QString::number(uid); });
         return;
     }
     for (auto &[inputUID, sets] : timelines) {
@@ -116,7 +116,7 @@ void VideoCoorelationManager::deletePreview(UID uid)
                 continue;
             previews.erase(uid);
             timeline.deletePreview(uid);
-            log.log(QStringLiteral("Removed preview ") + QString::number(uid));
+            log.log([&] { return QStringLiteral("Removed preview ") + QString::number(uid); });
         }
     }
 }
@@ -124,19 +124,19 @@ void VideoCoorelationManager::deletePreview(UID uid)
 void VideoCoorelationManager::deletePreview(UID inputUID, UID previewUID, PreviewSetUID psUID)
 {
     if (previews.count(previewUID) == 0) {
-        log.log(QStringLiteral("deletePreview: Could not find preview ") + QString::number(previewUID),
+        log.log([&] { return QStringLiteral("deletePreview: Could not find preview ") + QString::number(previewUID); },
                 ConsoleLogger::Warn);
         return;
     }
     const auto sets = timelines.find(inputUID);
     if (sets == timelines.end()) {
-        log.log(QStringLiteral("deletePreview: Could not find Timeline data for InputUID ") + QString::number(inputUID),
+        log.log([&] { return QStringLiteral("deletePreview: Could not find Timeline data for InputUID ") + QString::number(inputUID); },
                 ConsoleLogger::Warn);
         return;
     }
     const auto timeline = sets->second.find(psUID);
     if (timeline == sets->second.end()) {
-        log.log(QStringLiteral("deletePreview: Could not find Timeline for PreviewSet ") + QString::number(psUID),
+        log.log([&] { return QStringLiteral("deletePreview: Could not find Timeline for PreviewSet ") + QString::number(psUID); },
                 ConsoleLogger::Warn);
         return;
     }
@@ -146,16 +146,16 @@ void VideoCoorelationManager::deletePreview(UID inputUID, UID previewUID, Previe
 
 Timeline &VideoCoorelationManager::getTimeline(UID inputUID, PreviewSetUID psUID)
 {
-    log.log(QStringLiteral("Getting timeline for psUID ") + QString::number(psUID));
+    log.log([&] { return QStringLiteral("Getting timeline for psUID ") + QString::number(psUID); });
     const auto sets = timelines.find(inputUID);
     if (sets == timelines.end()) {
-        log.log(QStringLiteral("getTimeline: Couldn't find inputUID = ") + QString::number(inputUID),
+        log.log([&] { return QStringLiteral("getTimeline: Couldn't find inputUID = ") + QString::number(inputUID); },
                 ConsoleLogger::Critical);
         return emptyTimeline();
     }
     const auto timeline = sets->second.find(psUID);
     if (timeline == sets->second.end()) {
-        log.log(QStringLiteral("getTimeline: Couldn't find psUID = ") + QString::number(psUID),
+        log.log([&] { return QStringLiteral("getTimeline: Couldn't find psUID = ") + QString::number(psUID); },
                 ConsoleLogger::Critical);
         return emptyTimeline();
     }
@@ -174,8 +174,8 @@ void VideoCoorelationManager::switchInput(UID uid)
 {
     const auto input = inputs.find(uid);
     if (input == inputs.end()) {
-        log.log(QStringLiteral("switchInput: Couldn't switch to inputUID = ") + QString::number(uid)
-                    + QStringLiteral(", it doesn't exist!"),
+        log.log([&] { return QStringLiteral("switchInput: Couldn't switch to inputUID = ") + QString::number(uid)
+                    + QStringLiteral(", it doesn't exist!"); },
                 ConsoleLogger::Critical);
         return;
     }
