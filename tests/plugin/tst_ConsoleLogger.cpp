@@ -17,6 +17,7 @@ private slots:
     void disabledLoggerWritesNothing();
     void toggleTagMarksAStretchOfWork();
     void threadsGetStableColours();
+    void costlyMessagesAreBuiltOnlyForAListener();
 };
 
 void ConsoleLoggerTest::lineFormat_data()
@@ -124,6 +125,24 @@ void ConsoleLoggerTest::threadsGetStableColours()
     QByteArray there;
     std::thread([&there, &colourOf] { there = colourOf(ConsoleLogger::formatLine({}, {}, 0)); }).join();
     QVERIFY(there.startsWith("\033[1;3"));
+}
+
+void ConsoleLoggerTest::costlyMessagesAreBuiltOnlyForAListener()
+{
+    ConsoleLogger logger;
+    int built = 0;
+    const auto listing = [&built] {
+        ++built;
+        return QStringLiteral("listing");
+    };
+    logger.log(listing);
+    QCOMPARE(built, 0);
+
+    QStringList seen;
+    ConsoleLogger::setCaptureSink([&seen](const ConsoleLogger::Record &record) { seen.append(record.message); });
+    logger.log(listing, 2);
+    QCOMPARE(built, 1);
+    QCOMPARE(seen, QStringList{QStringLiteral("listing")});
 }
 
 QTEST_GUILESS_MAIN(ConsoleLoggerTest)
