@@ -289,6 +289,7 @@ bool FFReader::seekToPts(int64_t target, int serial)
     // Close ahead of the current picture, decoding on is cheaper than a seek.
     const int64_t oneSecond = std::max<int64_t>(1, m_timeBase.den / std::max(1, m_timeBase.num));
     if (m_current && target >= m_currentPts && target - m_currentPts <= oneSecond) {
+        m_eof = false;
         if (m_lookahead && m_lookahead->pts > target)
             return true;
         while (ff::FramePtr frame = decodeNext()) {
@@ -300,7 +301,6 @@ bool FFReader::seekToPts(int64_t target, int serial)
             if (interrupted())
                 return false;
         }
-        m_eof = false;
         return true;
     }
 
