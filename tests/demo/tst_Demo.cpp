@@ -1,0 +1,333 @@
+// The demo application end to end, as a user's screenshot would show it: the
+// real executable under Xvfb opens a clip that ffmpeg makes here, renders a
+// preview through ffmpeg with a warm tint, seeks and writes a screenshot with
+// a description of where its panes are. Each frame of the clip carries its own
+// number as eight black or white bars (bit i in bar i), so the picture in a
+// pane tells which frame it is.
+#include <QFile>
+#include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRect>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+constexpr int clipWidth = 640;
+constexpr int clipHeight = 360;
+constexpr int fps = 25;
+constexpr int frameMs = 1000 / fps;
+constexpr int clipFrames = 200; // eight bars hold up to 255
+constexpr int bars = 8;
+
+bool runFfmpeg(const QStringList &arguments)
+{
+    QProcess ffmpeg;
+    ffmpeg.start(QStringLiteral("ffmpeg"), QStringList{QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-y")}
+                                               + arguments);
+    if (!ffmpeg.waitForFinished(120000) || ffmpeg.exitCode() != 0) {
+        qWarning() << "ffmpeg failed:" << ffmpeg.readAllStandardError();
+        return false;
+    }
+    return true;
+}
+
+struct DemoRun
+{
+    int exitCode = -1;
+    QString output;
+};
+
+// What one pane shows: the frame number read from its bars and how warm the
+// white bars are (red less blue; about 0 untinted, about 200 under the tint).
+struct PaneReading
+{
+    int frame = -1;
+    int warmth = 0;
+    int whiteBars = 0;
+};
+
+// The picture of the clip inside a pane: mpv fits it and centres it.
+QRect pictureIn(const QRect &pane)
+{
+    const double scale = qMin(double(pane.width()) / clipWidth, double(pane.height()) / clipHeight);
+    const int width = int(clipWidth * scale);
+    const int height = int(clipHeight * scale);
+    return {pane.x() + (pane.width() - width) / 2, pane.y() + (pane.height() - height) / 2, width, height};
+}
+
+PaneReading readPane(const QImage &shot, const QRect &pane)
+{
+    const QRect picture = pictureIn(pane);
+    PaneReading reading;
+    if (!shot.rect().contains(picture))
+        return reading;
+    reading.frame = 0;
+    int warmthSum = 0;
+    const int barWidth = picture.width() / bars;
+    const int cy = picture.y() + picture.height() / 2;
+    for (int bit = 0; bit < bars; ++bit) {
+        const int cx = picture.x() + bit * barWidth + barWidth / 2;
+        int red = 0;
+        int blue = 0;
+        int samples = 0;
+        for (int y = cy - 8; y <= cy + 8; ++y)
+            for (int x = cx - barWidth / 4; x <= cx + barWidth / 4; ++x) {
+                const QRgb p = shot.pixel(x, y);
+                red += qRed(p);
+                blue += qBlue(p);
+                ++samples;
+            }
+        red /= samples;
+        blue /= samples;
+        // Red survives the tint, so it tells the bit in either pane.
+        if (red > 128) {
+            reading.frame |= 1 << bit;
+            warmthSum += red - blue;
+            ++reading.whiteBars;
+        }
+    }
+    reading.warmth = reading.whiteBars ? warmthSum / reading.whiteBars : 0;
+    return reading;
+}
+
+QRect rectFrom(const QJsonValue &value)
+{
+    const QJsonArray a = value.toArray();
+    return a.size() == 4 ? QRect(a[0].toInt(), a[1].toInt(), a[2].toInt(), a[3].toInt()) : QRect();
+}
+
+} // namespace
+
+class tst_Demo : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void screenshotShowsThePositionInBothPanesAndTheFilterOnlyInThePreview_data();
+    void screenshotShowsThePositionInBothPanesAndTheFilterOnlyInThePreview();
+    void playingAcrossThePreviewKeepsBothPanesOnOneFrame();
+    void withoutAVideoASampleIsMadeOnceAndPreviewed();
+    void unusableRequestsEndWithAReasonAndNoScreenshot_data();
+    void unusableRequestsEndWithAReasonAndNoScreenshot();
+
+private:
+    DemoRun runDemo(const QStringList &arguments, const QString &mediaDir);
+    // Checks one screenshot and its description; `filtered` says whether the
+    // right pane must show the preview.
+    void checkShot(const QString &shot, bool filtered);
+
+    QTemporaryDir work;
+    QString clip;
+};
+
+void tst_Demo::initTestCase()
+{
+    QVERIFY(work.isValid());
+    QVERIFY2(QFile::exists(QStringLiteral(KUTILS_DEMO_BINARY)), "the demo is not built");
+    clip = work.filePath(QStringLiteral("bars.mp4"));
+    const QString source = QStringLiteral("color=c=black:s=%1x%2:r=%3:d=%4,format=yuv420p,"
+                                          "geq=lum='16+219*mod(floor(N/pow(2\\,floor(X/%5)))\\,2)':cb=128:cr=128")
+                               .arg(clipWidth)
+                               .arg(clipHeight)
+                               .arg(fps)
+                               .arg(double(clipFrames) / fps)
+                               .arg(clipWidth / bars);
+    QVERIFY(runFfmpeg({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"), source,
+                       QStringLiteral("-c:v"), QStringLiteral("libx264"), QStringLiteral("-qp"), QStringLiteral("0"),
+                       QStringLiteral("-g"), QStringLiteral("25"), QStringLiteral("-bf"), QStringLiteral("0"), clip}));
+}
+
+DemoRun tst_Demo::runDemo(const QStringList &arguments, const QString &mediaDir)
+{
+    QProcess demo;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    // Whatever the demo's file manager and child processes touch stays here.
+    const QString home = work.filePath(QStringLiteral("home"));
+    environment.insert(QStringLiteral("HOME"), home);
+    environment.insert(QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral("/.local/share"));
+    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), home + QStringLiteral("/.config"));
+    environment.insert(QStringLiteral("XDG_DATA_DIRS"), home + QStringLiteral("/machine-share:/nonexistent"));
+    demo.setProcessEnvironment(environment);
+    demo.setProcessChannelMode(QProcess::MergedChannels);
+    demo.start(QStringLiteral(KUTILS_DEMO_BINARY),
+               QStringList{QStringLiteral("--media-dir"), mediaDir} + arguments);
+    DemoRun run;
+    if (!demo.waitForFinished(150000)) {
+        demo.kill();
+        demo.waitForFinished();
+    }
+    run.output = QString::fromUtf8(demo.readAll());
+    run.exitCode = demo.exitStatus() == QProcess::NormalExit ? demo.exitCode() : -1;
+    return run;
+}
+
+void tst_Demo::checkShot(const QString &shot, bool filtered)
+{
+    const QImage picture = QImage(shot).convertToFormat(QImage::Format_RGB32);
+    QVERIFY2(!picture.isNull(), qPrintable(shot));
+    QFile describedFile(shot + QStringLiteral(".json"));
+    QVERIFY(describedFile.open(QIODevice::ReadOnly));
+    const QJsonObject described = QJsonDocument::fromJson(describedFile.readAll()).object();
+    const qint64 position = described.value(QStringLiteral("position")).toInteger(-1);
+    const int frame = int(position / frameMs);
+    QVERIFY(frame > 0);
+
+    const PaneReading left = readPane(picture, rectFrom(described.value(QStringLiteral("leftPane"))));
+    const PaneReading right = readPane(picture, rectFrom(described.value(QStringLiteral("rightPane"))));
+    QCOMPARE(left.frame, frame);
+    QCOMPARE(right.frame, frame);
+    QVERIFY2(left.warmth < 40, qPrintable(QStringLiteral("the input pane is tinted: %1").arg(left.warmth)));
+    if (filtered)
+        QVERIFY2(right.warmth > 120, qPrintable(QStringLiteral("no tint in the preview: %1").arg(right.warmth)));
+    else
+        QVERIFY2(right.warmth < 40, qPrintable(QStringLiteral("tint outside the preview: %1").arg(right.warmth)));
+}
+
+void tst_Demo::screenshotShowsThePositionInBothPanesAndTheFilterOnlyInThePreview_data()
+{
+    QTest::addColumn<int>("at");
+    QTest::addColumn<bool>("slowMotion");
+    QTest::addColumn<bool>("filtered");
+
+    // The preview covers the frames from 2000 to 3960 ms (frames 50 to 99).
+    QTest::newRow("inside, slow motion") << 2500 << true << true;
+    QTest::newRow("inside, last frame, slow motion") << 3970 << true << true;
+    QTest::newRow("inside, normal speed") << 3020 << false << true;
+    QTest::newRow("before the preview") << 1220 << true << false;
+    QTest::newRow("just after the preview") << 4020 << false << false;
+}
+
+void tst_Demo::screenshotShowsThePositionInBothPanesAndTheFilterOnlyInThePreview()
+{
+    QFETCH(int, at);
+    QFETCH(bool, slowMotion);
+    QFETCH(bool, filtered);
+
+    const QString shot = work.filePath(QStringLiteral("shot-%1-%2.png").arg(at).arg(slowMotion));
+    QStringList arguments{QStringLiteral("--screenshot"), shot, QStringLiteral("--at"), QString::number(at),
+                          QStringLiteral("--in"), QStringLiteral("2000"), QStringLiteral("--out"),
+                          QStringLiteral("3960"), clip};
+    if (slowMotion)
+        arguments.prepend(QStringLiteral("--slowmo"));
+    const DemoRun run = runDemo(arguments, work.filePath(QStringLiteral("media-shots")));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.output));
+    QVERIFY2(run.output.contains(QStringLiteral("screenshot written to ") + shot), qPrintable(run.output));
+
+    QFile describedFile(shot + QStringLiteral(".json"));
+    QVERIFY(describedFile.open(QIODevice::ReadOnly));
+    const QJsonObject described = QJsonDocument::fromJson(describedFile.readAll()).object();
+    // The position is the start of the frame that --at falls in.
+    QCOMPARE(described.value(QStringLiteral("position")).toInteger(), qint64(at / frameMs * frameMs));
+    // The timeline under the panes holds the preview's stretch.
+    const QJsonArray ranges = described.value(QStringLiteral("previewRanges")).toArray();
+    QCOMPARE(ranges.size(), 1);
+    QVERIFY(ranges[0].toObject().value(QStringLiteral("x")).toInt() <= 2000);
+    QVERIFY(ranges[0].toObject().value(QStringLiteral("y")).toInt() >= 3960);
+
+    checkShot(shot, filtered);
+}
+
+void tst_Demo::playingAcrossThePreviewKeepsBothPanesOnOneFrame()
+{
+    // Play from before the preview into it, and again from inside it out of
+    // it: after each pause the two panes are sought together onto one frame.
+    const QString into = work.filePath(QStringLiteral("into.png"));
+    const QString outOf = work.filePath(QStringLiteral("out-of.png"));
+    const QString script = QStringLiteral("in 1000; out 1960; slowmo on; render; seek 700; play; wait 1200; pause; "
+                                          "shot %1; seek 1800; play; wait 1500; pause; shot %2; quit")
+                               .arg(into, outOf);
+    const DemoRun run = runDemo({QStringLiteral("--script"), script, clip}, work.filePath(QStringLiteral("media-play")));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.output));
+
+    for (const QString &shot : {into, outOf}) {
+        QFile describedFile(shot + QStringLiteral(".json"));
+        QVERIFY(describedFile.open(QIODevice::ReadOnly));
+        const qint64 position =
+            QJsonDocument::fromJson(describedFile.readAll()).object().value(QStringLiteral("position")).toInteger();
+        // Playback moved on from where it started, and the filter follows the stretch.
+        QVERIFY2(shot == into ? position > 1000 && position < 1960 : position > 1960,
+                 qPrintable(QStringLiteral("%1 stands at %2").arg(shot).arg(position)));
+        checkShot(shot, shot == into);
+    }
+}
+
+void tst_Demo::withoutAVideoASampleIsMadeOnceAndPreviewed()
+{
+    // The README's first command: no video named, so the demo makes its sample.
+    const QString media = work.filePath(QStringLiteral("media-sample"));
+    const QString shot = work.filePath(QStringLiteral("sample.png"));
+    const DemoRun first = runDemo({QStringLiteral("--screenshot"), shot}, media);
+    QVERIFY2(first.exitCode == 0, qPrintable(first.output));
+    QVERIFY(first.output.contains(QStringLiteral("Making the sample video")));
+    QVERIFY(QFile::exists(media + QStringLiteral("/sample.mp4")));
+
+    // Inside the preview the right pane is the tinted left one: much less blue.
+    const QImage picture = QImage(shot).convertToFormat(QImage::Format_RGB32);
+    QFile describedFile(shot + QStringLiteral(".json"));
+    QVERIFY(describedFile.open(QIODevice::ReadOnly));
+    const QJsonObject described = QJsonDocument::fromJson(describedFile.readAll()).object();
+    const auto meanBlue = [&picture](const QRect &pane) {
+        qint64 sum = 0;
+        qint64 count = 0;
+        for (int y = pane.top(); y <= pane.bottom(); y += 4)
+            for (int x = pane.left(); x <= pane.right(); x += 4, ++count)
+                sum += qBlue(picture.pixel(x, y));
+        return count ? double(sum) / count : 0.0;
+    };
+    const double leftBlue = meanBlue(rectFrom(described.value(QStringLiteral("leftPane"))));
+    const double rightBlue = meanBlue(rectFrom(described.value(QStringLiteral("rightPane"))));
+    QVERIFY2(leftBlue > 40.0, "the input pane is dark");
+    QVERIFY2(rightBlue < leftBlue * 0.6, qPrintable(QStringLiteral("blue %1 and %2").arg(leftBlue).arg(rightBlue)));
+
+    // The second start finds the sample and makes none.
+    const DemoRun second = runDemo({QStringLiteral("--screenshot"), shot}, media);
+    QVERIFY2(second.exitCode == 0, qPrintable(second.output));
+    QVERIFY(!second.output.contains(QStringLiteral("Making the sample video")));
+}
+
+void tst_Demo::unusableRequestsEndWithAReasonAndNoScreenshot_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("reason");
+
+    QTest::newRow("missing video") << QStringList{QStringLiteral("/nonexistent/clip.mp4")} << 3
+                                   << QStringLiteral("no video at /nonexistent/clip.mp4");
+    QTest::newRow("not a video") << QStringList{QStringLiteral(KUTILS_DEMO_BINARY)} << 3
+                                 << QStringLiteral("Unable to open file at");
+    QTest::newRow("position not a number") << QStringList{QStringLiteral("--at"), QStringLiteral("soon")} << 2
+                                           << QStringLiteral("--at wants milliseconds");
+    QTest::newRow("out before in") << QStringList{QStringLiteral("--in"), QStringLiteral("900"), QStringLiteral("--out"),
+                                                  QStringLiteral("100")}
+                                   << 2 << QStringLiteral("--out must not lie before --in");
+    QTest::newRow("unknown step") << QStringList{QStringLiteral("--script"), QStringLiteral("jump 5")} << 3
+                                  << QStringLiteral("unknown step \"jump 5\"");
+}
+
+void tst_Demo::unusableRequestsEndWithAReasonAndNoScreenshot()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(QString, reason);
+
+    const QString shot = work.filePath(QStringLiteral("refused.png"));
+    QFile::remove(shot);
+    QStringList all = arguments;
+    if (!arguments.contains(QStringLiteral("--script")))
+        all = QStringList{QStringLiteral("--screenshot"), shot} + all;
+    // A script with no video of its own works on the clip.
+    if (arguments.size() == 2 && arguments.first() == QStringLiteral("--script"))
+        all << clip;
+    const DemoRun run = runDemo(all, work.filePath(QStringLiteral("media-refused")));
+    QCOMPARE(run.exitCode, exitCode);
+    QVERIFY2(run.output.contains(reason), qPrintable(run.output));
+    QVERIFY(!QFile::exists(shot));
+}
+
+QTEST_GUILESS_MAIN(tst_Demo)
+#include "tst_Demo.moc"
