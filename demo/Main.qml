@@ -118,7 +118,6 @@ ApplicationWindow {
             root.refreshRanges()
             script.begin()
         }
-        onIsPlayingChanged: root.followFrameView()
     }
 
     // The frame-by-frame view follows the player whenever it stands still.
@@ -131,9 +130,14 @@ ApplicationWindow {
     TProcess {
         id: renderer
         property string purpose: ""
-        onFinished: (exitCode, exitStatus) => root.renderFinished(exitCode === 0 && exitStatus === 0)
+        property bool crashed: false
+        // A crash reports an error and then finishes; a program that never
+        // started only reports the error.
+        onFinished: exitCode => root.renderFinished(exitCode === 0 && !crashed)
         onErrorOccurred: error => {
-            if (purpose !== "")
+            if (error === 1)
+                crashed = true
+            else if (error === 0 && purpose !== "")
                 root.renderFinished(false)
         }
     }
@@ -142,7 +146,7 @@ ApplicationWindow {
         id: openDialog
         title: "Open a video"
         nameFilters: ["Videos (*.mp4 *.mov *.mkv *.avi *.webm *.mxf *.ts)", "All files (*)"]
-        onAccepted: root.openInput(decodeURIComponent(selectedFile.toString().replace(/^file:\/\//, "")))
+        onAccepted: root.openInput(decodeURIComponent(String(selectedFile).replace(/^file:\/\//, "")))
     }
 
     HelpWindow {
@@ -155,15 +159,28 @@ ApplicationWindow {
         onCloseRequested: root.helpShown = false
     }
 
-    Instantiator {
-        model: root.shortcuts
-        delegate: Shortcut {
-            required property var modelData
-            sequences: modelData.keys.filter(k => k !== "Alt+Arrows" && k !== "Up" && k !== "Down"
-                                             && k !== "+" && k !== "-")
-            onActivated: root.act(modelData.action, 1)
-        }
+    function keysOf(action) {
+        return shortcuts.find(entry => entry.action === action).keys
     }
+    Shortcut { sequences: root.keysOf("playPause"); onActivated: root.act("playPause", 1) }
+    Shortcut { sequences: root.keysOf("stepForward"); onActivated: root.act("stepForward", 1) }
+    Shortcut { sequences: root.keysOf("stepBackward"); onActivated: root.act("stepBackward", 1) }
+    Shortcut { sequences: root.keysOf("forward"); onActivated: root.act("forward", 1) }
+    Shortcut { sequences: root.keysOf("back"); onActivated: root.act("back", 1) }
+    Shortcut { sequences: root.keysOf("start"); onActivated: root.act("start", 1) }
+    Shortcut { sequences: root.keysOf("markIn"); onActivated: root.act("markIn", 1) }
+    Shortcut { sequences: root.keysOf("markOut"); onActivated: root.act("markOut", 1) }
+    Shortcut { sequences: root.keysOf("loopInOut"); onActivated: root.act("loopInOut", 1) }
+    Shortcut { sequences: root.keysOf("render"); onActivated: root.act("render", 1) }
+    Shortcut { sequences: root.keysOf("slowMotion"); onActivated: root.act("slowMotion", 1) }
+    Shortcut { sequences: root.keysOf("filter"); onActivated: root.act("filter", 1) }
+    Shortcut { sequences: root.keysOf("loopPreview"); onActivated: root.act("loopPreview", 1) }
+    Shortcut { sequences: root.keysOf("mute"); onActivated: root.act("mute", 1) }
+    Shortcut { sequences: root.keysOf("resetView"); onActivated: root.act("resetView", 1) }
+    Shortcut { sequences: root.keysOf("crop"); onActivated: root.act("crop", 1) }
+    Shortcut { sequences: root.keysOf("open"); onActivated: root.act("open", 1) }
+    Shortcut { sequences: root.keysOf("help"); onActivated: root.act("help", 1) }
+    Shortcut { sequences: root.keysOf("quit"); onActivated: root.act("quit", 1) }
     // The keys whose direction matters.
     Shortcut { sequences: ["Up"]; onActivated: root.act("volume", 1) }
     Shortcut { sequences: ["Down"]; onActivated: root.act("volume", -1) }
@@ -184,6 +201,8 @@ ApplicationWindow {
         started = true
         mediaDir = host.mediaDir !== "" ? host.mediaDir : files.defaultFolderPath("demo")
         files.mkdir(mediaDir)
+        // Previews are made for one session only.
+        files.dirRemove(mediaDir + "/previews")
         const bundled = files.ffmpeg
         ffmpeg = files.fileExists(bundled) ? bundled : (files.findApp("ffmpeg") || "ffmpeg")
         if (host.input !== "")
@@ -301,6 +320,7 @@ ApplicationWindow {
     function renderFinished(ok) {
         const purpose = renderer.purpose
         renderer.purpose = ""
+        renderer.crashed = false
         const output = renderer.readAll()
         if (purpose === "sample") {
             const sample = mediaDir + "/sample.mp4"
@@ -436,7 +456,9 @@ ApplicationWindow {
         if (!player.isPlaying && frameView.isOpen)
             frameView.seek(position)
     }
+    readonly property bool playing: player.isPlaying
     onPositionChanged: followFrameView()
+    onPlayingChanged: followFrameView()
     onInMarkChanged: applyLooping()
     onOutMarkChanged: applyLooping()
     onLoopInOutChanged: applyLooping()
@@ -509,7 +531,8 @@ ApplicationWindow {
         function done() {
             waiting = ""
             stepTimeout.stop()
-            Qt.callLater(advance)
+            // Not from inside the handler that finished the step.
+            nextStep.start()
         }
 
         function advance() {
@@ -590,6 +613,12 @@ ApplicationWindow {
             if (waiting === "render")
                 done()
         }
+    }
+
+    Timer {
+        id: nextStep
+        interval: 0
+        onTriggered: script.advance()
     }
 
     Timer {
@@ -815,7 +844,8 @@ ApplicationWindow {
                 outMark: root.outMark
                 loopInOut: root.loopInOut
                 ranges: root.previewRanges
-                timecodeOf: ms => root.timecode(ms)
+                startLabel: root.timecode(0)
+                endLabel: root.timecode(root.duration)
                 onSeekRequested: ms => root.seekTo(ms)
             }
 

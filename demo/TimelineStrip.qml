@@ -12,7 +12,8 @@ Item {
     property bool loopInOut: false
     // [{x: first ms, y: last ms}, ...] as the player reports them.
     property var ranges: []
-    property var timecodeOf: ms => (ms / 1000).toFixed(2) + " s"
+    property string startLabel: ""
+    property string endLabel: ""
 
     signal seekRequested(int ms)
 
@@ -37,45 +38,41 @@ Item {
         border.color: "#444b53"
     }
 
-    // The in/out stretch.
-    Rectangle {
-        visible: strip.inMark >= 0 && strip.outMark >= strip.inMark
-        x: strip.xOf(strip.inMark)
-        y: track.y
-        width: Math.max(2, strip.xOf(strip.outMark) - x)
-        height: track.height
-        color: strip.loopInOut ? "#3d5a80" : "#2f4052"
-    }
-
-    Repeater {
-        model: strip.ranges
-        delegate: Rectangle {
-            required property var modelData
-            x: strip.xOf(modelData.x)
-            y: track.y + 5
-            width: Math.max(3, strip.xOf(modelData.y) - x)
-            height: track.height - 10
-            radius: 2
-            color: "#e0913a"
-        }
-    }
-
-    Repeater {
-        model: [{ms: strip.inMark, label: "IN"}, {ms: strip.outMark, label: "OUT"}]
-        delegate: Item {
-            required property var modelData
-            visible: modelData.ms >= 0
-            x: strip.xOf(modelData.ms)
-            Rectangle { x: -1; y: track.y - 4; width: 2; height: track.height + 8; color: "#8ecae6" }
-            Text {
-                x: -width / 2
-                y: 0
-                text: parent.modelData.label
-                color: "#8ecae6"
-                font.pixelSize: 11
+    // The in/out stretch, the previews' stretches and the marks.
+    Canvas {
+        id: marks
+        anchors.fill: parent
+        onPaint: {
+            const ctx = getContext("2d")
+            ctx.reset()
+            const top = track.y
+            const height = track.height
+            if (strip.inMark >= 0 && strip.outMark >= strip.inMark) {
+                ctx.fillStyle = strip.loopInOut ? "#3d5a80" : "#2f4052"
+                ctx.fillRect(strip.xOf(strip.inMark), top, Math.max(2, strip.xOf(strip.outMark) - strip.xOf(strip.inMark)),
+                             height)
+            }
+            ctx.fillStyle = "#e0913a"
+            for (const range of strip.ranges)
+                ctx.fillRect(strip.xOf(range.x), top + 5, Math.max(3, strip.xOf(range.y) - strip.xOf(range.x)), height - 10)
+            ctx.fillStyle = "#8ecae6"
+            ctx.font = "11px sans-serif"
+            ctx.textAlign = "center"
+            for (const mark of [[strip.inMark, "IN"], [strip.outMark, "OUT"]]) {
+                if (mark[0] < 0)
+                    continue
+                const x = strip.xOf(mark[0])
+                ctx.fillRect(x - 1, top - 4, 2, height + 8)
+                ctx.fillText(mark[1], x, top - 6)
             }
         }
     }
+    onDurationChanged: marks.requestPaint()
+    onInMarkChanged: marks.requestPaint()
+    onOutMarkChanged: marks.requestPaint()
+    onLoopInOutChanged: marks.requestPaint()
+    onRangesChanged: marks.requestPaint()
+    onWidthChanged: marks.requestPaint()
 
     Rectangle {
         id: playhead
@@ -89,14 +86,14 @@ Item {
     Text {
         x: 0
         y: track.y + track.height + 3
-        text: strip.timecodeOf(0)
+        text: strip.startLabel
         color: "#9aa3ad"
         font.pixelSize: 11
     }
     Text {
         x: strip.width - width
         y: track.y + track.height + 3
-        text: strip.timecodeOf(strip.duration)
+        text: strip.endLabel
         color: "#9aa3ad"
         font.pixelSize: 11
     }

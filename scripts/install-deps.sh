@@ -13,7 +13,7 @@ PACKAGES=(
   qml6-module-qt-labs-platform qml-qt6 qt6-qpa-plugins binutils
   libmpv-dev libcpp-httplib-dev libssl-dev nlohmann-json3-dev libzip-dev zip unzip
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libavfilter-dev libswresample-dev
-  ffmpeg libopencv-core-dev libopencv-imgproc-dev openimageio-tools
+  ffmpeg fonts-dejavu-core libopencv-core-dev libopencv-imgproc-dev openimageio-tools
   xvfb xauth x11-utils libx11-dev libxcb1-dev libgl1-mesa-dri
   openssl
 )
