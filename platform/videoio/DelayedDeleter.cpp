@@ -78,7 +78,9 @@ private:
             auto soonest = std::min_element(m_jobs.begin(), m_jobs.end(),
                                             [](const Job &a, const Job &b) { return a.due < b.due; });
             if (soonest->due > Clock::now()) {
-                m_wake.wait_until(lock, soonest->due);
+                // A copy: add() may grow the vector while we wait.
+                const Clock::time_point due = soonest->due;
+                m_wake.wait_until(lock, due);
                 continue;
             }
             Job job = *soonest;
