@@ -25,7 +25,8 @@ bool readMs(const QCommandLineParser &parser, const QCommandLineOption &option, 
     bool ok = false;
     value = parser.value(option).toLongLong(&ok);
     if (!ok || value < 0) {
-        error = QStringLiteral("--%1 wants milliseconds, not \"%2\"").arg(option.names().constFirst(), parser.value(option));
+        error = QStringLiteral("--%1 wants milliseconds, not \"%2\"").arg(option.names().constFirst(),
+                                                                          parser.value(option));
         return false;
     }
     return true;
@@ -38,7 +39,8 @@ DemoOptions parseDemoOptions(const QStringList &arguments)
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Opens a video beside rendered previews of it."));
     parser.addHelpOption();
-    parser.addPositionalArgument(QStringLiteral("video"), QStringLiteral("The video to open (default: a generated sample)."));
+    parser.addPositionalArgument(QStringLiteral("video"),
+                                 QStringLiteral("The video to open (default: a generated sample)."));
     const QCommandLineOption screenshot(QStringLiteral("screenshot"),
                                         QStringLiteral("Render a preview, seek, write a screenshot to <file> and quit."),
                                         QStringLiteral("file"));
@@ -86,8 +88,9 @@ DemoOptions parseDemoOptions(const QStringList &arguments)
         const QString value = parser.value(script);
         QFile file(value);
         // A value that names no file is the script itself: --script "seek 500; shot a.png".
-        options.steps = file.open(QIODevice::ReadOnly | QIODevice::Text) ? scriptSteps(QString::fromUtf8(file.readAll()))
-                                                                         : scriptSteps(value);
+        options.steps = file.open(QIODevice::ReadOnly | QIODevice::Text)
+                            ? scriptSteps(QString::fromUtf8(file.readAll()))
+                            : scriptSteps(value);
     }
     if (parser.isSet(screenshot)) {
         options.screenshot = parser.value(screenshot);
