@@ -22,12 +22,20 @@ std::shared_ptr<Reader> VideoManager::GetNewReader(const QString &path)
 
 std::shared_ptr<Reader> VideoManager::sharedReader(const QString &path)
 {
-    // Opening is slow, and two fetchers of one path must share one reader:
-    // the table stays locked while the file opens.
+    {
+        const QMutexLocker lock(&m_mutex);
+        const auto it = m_readers.find(path);
+        if (it != m_readers.end() && it->second && it->second->isOpen())
+            return it->second;
+    }
+    // Opening is slow: it happens outside the lock, so that other files open
+    // in parallel. Of two racing openers of one path, the first one stored wins
+    // and both share it.
+    auto fresh = std::make_shared<FFReader>(path);
     const QMutexLocker lock(&m_mutex);
     auto &entry = m_readers[path];
     if (!entry || !entry->isOpen())
-        entry = std::make_shared<FFReader>(path);
+        entry = std::move(fresh);
     return entry;
 }
 
