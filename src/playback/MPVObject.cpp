@@ -33,6 +33,9 @@ MPVObject::MPVObject(QQuickItem *parent)
 
 MPVObject::~MPVObject()
 {
+    // QQuickItem's own destructor still reports the window going away; by then
+    // this object is no longer an MPVObject.
+    disconnect(this, &QQuickItem::windowChanged, this, &MPVObject::setup);
     // mpv may wake us from its own thread until the callback is gone.
     if (mpvPlayer.handle())
         mpv_set_wakeup_callback(mpvPlayer.handle(), nullptr, nullptr);

@@ -104,6 +104,8 @@ private slots:
     void zoomAndPanReachMpv_data();
     void zoomAndPanReachMpv();
     void cropSendsOnlyChanges();
+    void executeCommandSplitsOnEveryBlank_data();
+    void executeCommandSplitsOnEveryBlank();
     void loadPathsBecomeMpvTargets_data();
     void loadPathsBecomeMpvTargets();
     void imageSequencePatternLoads();
@@ -332,6 +334,31 @@ void tst_MPVObject::cropSendsOnlyChanges()
         {"set", "video-crop", ""},
     };
     QCOMPARE(commands, expected);
+}
+
+void tst_MPVObject::executeCommandSplitsOnEveryBlank_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<bool>("async");
+    QTest::addColumn<int>("rotation");
+    QTest::newRow("synchronous") << "set video-rotate 90" << false << 90;
+    QTest::newRow("asynchronous") << "set video-rotate 180" << true << 180;
+    // An empty part stays an argument, and mpv refuses the whole command.
+    QTest::newRow("double blank is refused") << "set  video-rotate 270" << false << 0;
+}
+
+void tst_MPVObject::executeCommandSplitsOnEveryBlank()
+{
+    QFETCH(QString, command);
+    QFETCH(bool, async);
+    QFETCH(int, rotation);
+    left->executeCommand(QStringLiteral("set video-rotate 0"));
+    left->executeCommand(command, async);
+    if (!async)
+        QCOMPARE(left->getPropertyInt(QStringLiteral("video-rotate")), double(rotation));
+    QTRY_COMPARE(left->getPropertyInt(QStringLiteral("video-rotate")), double(rotation));
+    const std::lock_guard lock(commandsMutex);
+    QCOMPARE(commands.last().size(), command.count(QLatin1Char(' ')) + 1);
 }
 
 void tst_MPVObject::loadPathsBecomeMpvTargets_data()
