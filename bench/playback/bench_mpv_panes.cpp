@@ -20,7 +20,6 @@
 #include <QQuickView>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
-#include <QTest>
 #include <QTimer>
 
 #include <mpv/client.h>
@@ -155,7 +154,7 @@ int main(int argc, char **argv)
                          [&state](int id, qlonglong pos) { state[id].position = pos; });
     }
     view.show();
-    if (!QTest::qWaitForWindowExposed(&view) || !waitFor([&] { return left.surface() && right.surface(); })) {
+    if (!waitFor([&] { return view.isExposed(); }) || !waitFor([&] { return left.surface() && right.surface(); })) {
         std::fprintf(stderr, "no window\n");
         return 1;
     }
