@@ -15,7 +15,6 @@ private slots:
     void scaledRectTruncatesEachSide();
     void surfaceFollowsTheItemInPhysicalPixels();
     void surfaceOfAMissingParentStaysInvalid();
-    void hdrIsNeverReportedHere();
 };
 
 void tst_NativeSurface::scaledRectTruncatesEachSide_data()
@@ -61,14 +60,6 @@ void tst_NativeSurface::surfaceOfAMissingParentStaysInvalid()
     QVERIFY(!surface.isValid());
     QCOMPARE(surface.handle(), WId(0));
     QCOMPARE(surface.nativeGeometry(), QRect());
-}
-
-void tst_NativeSurface::hdrIsNeverReportedHere()
-{
-    QQuickView view;
-    view.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&view));
-    QVERIFY(!os::isHdrActive(view.winId()));
 }
 
 QTEST_MAIN(tst_NativeSurface)
