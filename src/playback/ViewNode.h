@@ -52,8 +52,8 @@ public:
     const int viewID;
     std::shared_ptr<MPVObject> mpv;
     std::shared_ptr<Timeline> timeline;
-    // Written by the worker and by the event slots; the design accepts that a
-    // stale value is repaired at the next report, atomics only keep it defined.
+    // Written by the worker and by the event slots; a stale value is accepted
+    // and repaired at the next report, atomics only keep the access defined.
     std::atomic<qint64> truthTS{0};
     std::atomic<qint64> mpvTS{0};
     std::shared_ptr<Video> currentVideo;
