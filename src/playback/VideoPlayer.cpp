@@ -1027,27 +1027,27 @@ void VideoPlayer::setSpeeds()
 
 void VideoPlayer::handleNext()
 {
-    if (!isOpen)
-        return;
-    const qint64 timestep = inputNode->getInfo().value(QStringLiteral("timestep")).toLongLong();
-    const float factor = std::max(leftNode->slowMotion, rightNode->slowMotion);
-    const auto step = static_cast<qint64>(static_cast<float>(timestep) / factor);
-    const auto frames = inputNode->frameRange;
-    const qint64 target = syncmath::stepForward(getInputTimestamp(), step, {frames.first, frames.second});
-    handleSeek(target, true, false, true);
-    if (isPlaying && requests.empty())
-        handlePlay();
+    handleStep(true);
 }
 
 void VideoPlayer::handlePrev()
 {
+    handleStep(false);
+}
+
+void VideoPlayer::handleStep(bool forward)
+{
     if (!isOpen)
         return;
+    // One frame of the slower pane, so a slow-motion preview steps through
+    // each of its own frames.
     const qint64 timestep = inputNode->getInfo().value(QStringLiteral("timestep")).toLongLong();
     const float factor = std::max(leftNode->slowMotion, rightNode->slowMotion);
     const auto step = static_cast<qint64>(static_cast<float>(timestep) / factor);
     const auto frames = inputNode->frameRange;
-    const qint64 target = syncmath::stepBackward(getInputTimestamp(), step, {frames.first, frames.second});
+    const syncmath::Range range{frames.first, frames.second};
+    const qint64 target = forward ? syncmath::stepForward(getInputTimestamp(), step, range)
+                                  : syncmath::stepBackward(getInputTimestamp(), step, range);
     handleSeek(target, true, false, true);
     if (isPlaying && requests.empty())
         handlePlay();

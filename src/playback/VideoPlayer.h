@@ -186,6 +186,7 @@ private:
     void handleSeek(TSType t, bool interrupt, bool initIR, bool pauseFirst);
     void handleNext();
     void handlePrev();
+    void handleStep(bool forward);
     void handlePlay();
     void handlePause(bool thenSeek);
     void handleQueuedPlay();
