@@ -62,7 +62,7 @@ private slots:
         player = qobject_cast<IsolatedPlayer *>(root->property("player").value<QObject *>());
         pane = qobject_cast<MPVObject *>(root->property("pane").value<QObject *>());
         QVERIFY(player && pane);
-        QTRY_VERIFY_WITH_TIMEOUT(pane->surface(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(pane->surface(), 30000);
         player->addInput(1, 0, clip, 4000, 25.0, 1.0, true, {{QStringLiteral("duration"), 4000}});
     }
 

@@ -86,7 +86,7 @@ private slots:
         auto *left = qobject_cast<MPVObject *>(root->property("left").value<QObject *>());
         auto *right = qobject_cast<MPVObject *>(root->property("right").value<QObject *>());
         QVERIFY(window && player && left && right);
-        QTRY_VERIFY_WITH_TIMEOUT(left->surface() && right->surface(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(left->surface() && right->surface(), 30000);
 
         // Where each report of a pane stands on the input's axis, by the file it plays.
         const auto toInput = [&](const std::string &path, qint64 pos) -> qint64 {
@@ -115,15 +115,15 @@ private slots:
         QMetaObject::invokeMethod(root.get(), "openAll", Q_ARG(QVariant, input), Q_ARG(QVariant, previewA),
                                   Q_ARG(QVariant, previewB));
         QVERIFY(opened.wait(10000));
-        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
         QCOMPARE(player->getPreviewRanges(5).size(), 2u);
 
         player->seek(600);
-        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
         player->play();
-        QTRY_VERIFY_WITH_TIMEOUT(player->getIsPlaying(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(player->getIsPlaying(), 30000);
         // Through the tinted preview, back to the input, through the slowed one.
-        QTRY_VERIFY_WITH_TIMEOUT(player->getInputTimestamp() >= 3300, 20000);
+        QTRY_VERIFY_WITH_TIMEOUT(player->getInputTimestamp() >= 3300, 40000);
         QVERIFY(player->getIsPlaying());
 
         // Each right report against the left pane's latest, carried forward by
@@ -149,9 +149,9 @@ private slots:
 
         // Paused, both panes come to rest on one input frame.
         player->pause();
-        QTRY_VERIFY_WITH_TIMEOUT(!player->getIsPlaying() && player->isIdle(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!player->getIsPlaying() && player->isIdle(), 30000);
         player->seek(1480);
-        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
         const double expected = 1480 / 40;
         double shownLeft = -1;
         double shownRight = -1;
@@ -161,7 +161,7 @@ private slots:
             shownRight = playermedia::frameShown(grab, QRect(360, 40, 240, 160));
             return std::abs(shownLeft - expected) < 0.5 && std::abs(shownRight - expected) < 0.5;
         };
-        QVERIFY2(QTest::qWaitFor(bothShowExpected, 10000),
+        QVERIFY2(QTest::qWaitFor(bothShowExpected, 30000),
                  qPrintable(QStringLiteral("left %1 right %2 expected %3").arg(shownLeft).arg(shownRight).arg(expected)));
         QVERIFY2(std::abs(shownLeft - shownRight) < 0.5,
                  qPrintable(QStringLiteral("left %1 right %2").arg(shownLeft).arg(shownRight)));
