@@ -1,0 +1,203 @@
+#include "videoio/DiskCacheWriter.h"
+
+#include "videoio/FFHandles.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QLoggingCategory>
+
+extern "C" {
+#include <libavutil/error.h>
+}
+
+#include <algorithm>
+
+Q_LOGGING_CATEGORY(lcDiskCache, "kutils.videoio")
+
+namespace videoio {
+namespace {
+
+QString errorText(int code)
+{
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    return QString::fromUtf8(text);
+}
+
+// Sends `frame` (null to flush) and writes every packet the encoder gives.
+int encode(AVCodecContext *encoder, const AVFrame *frame, AVFormatContext *output, AVStream *stream,
+           AVPacket *packet)
+{
+    int r = avcodec_send_frame(encoder, frame);
+    if (r < 0)
+        return r;
+    while (true) {
+        r = avcodec_receive_packet(encoder, packet);
+        if (r == AVERROR(EAGAIN) || r == AVERROR_EOF)
+            return 0;
+        if (r < 0)
+            return r;
+        av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
+        packet->stream_index = stream->index;
+        r = av_interleaved_write_frame(output, packet);
+        if (r < 0)
+            return r;
+    }
+}
+
+} // namespace
+
+DiskCacheWriter::DiskCacheWriter(int viewID, const QVariantMap &options, const QString &folder,
+                                 std::vector<QPoint> *cachedRanges, QObject *parent)
+    : QObject(parent)
+    , m_viewID(viewID)
+    , m_encoder(options.value(QStringLiteral("encoder"), QStringLiteral("ffv1")).toString())
+    , m_extension(options.value(QStringLiteral("extension"), QStringLiteral("mkv")).toString())
+    , m_folder(folder.isEmpty() ? QDir::temp().filePath(QStringLiteral("kutils-live-cache")) : folder)
+    , m_cachedRanges(cachedRanges)
+{
+    qRegisterMetaType<videoio::FrameBuffer>("videoio::FrameBuffer");
+}
+
+void DiskCacheWriter::onAddtoCacheQueue(QString path, videoio::FrameBuffer frames, QPoint range, int viewID,
+                                        double fps)
+{
+    if (viewID != m_viewID) {
+        qCWarning(lcDiskCache) << "Disk cache of view" << m_viewID << "refused a buffer of view" << viewID;
+        return;
+    }
+    if (!frames || frames->empty()) {
+        emit cacheError(path, QStringLiteral("empty preview buffer"), AVERROR(EINVAL));
+        return;
+    }
+    if (std::find(m_written.begin(), m_written.end(), range) != m_written.end())
+        return;
+    if (!QDir().mkpath(m_folder)) {
+        emit cacheError(path, QStringLiteral("cannot create cache folder %1").arg(m_folder), AVERROR(EACCES));
+        return;
+    }
+    const QString file = QDir(m_folder).filePath(QStringLiteral("%1_v%2_%3-%4_%5.%6")
+                                                     .arg(QFileInfo(path).completeBaseName())
+                                                     .arg(m_viewID)
+                                                     .arg(range.x())
+                                                     .arg(range.y())
+                                                     .arg(m_fileCount++)
+                                                     .arg(m_extension));
+    QString error;
+    const int r = write(file, *frames, fps, &error);
+    if (r < 0) {
+        QFile::remove(file);
+        emit cacheError(path, error, r);
+        return;
+    }
+    m_written.push_back(range);
+    if (m_cachedRanges)
+        m_cachedRanges->push_back(range);
+    emit cacheReadyToLoad(file, range, m_viewID);
+}
+
+void DiskCacheWriter::onClearcachedRangeReqAndHistory(int viewID)
+{
+    if (viewID != m_viewID && viewID != -1)
+        return;
+    m_written.clear();
+    if (m_cachedRanges)
+        m_cachedRanges->clear();
+}
+
+int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
+                           QString *error) const
+{
+    const auto fail = [error](const QString &why, int code) {
+        *error = QStringLiteral("%1: %2").arg(why, errorText(code));
+        return code;
+    };
+    const AVFrame *first = frames.front().get();
+    const QByteArray fileName = file.toUtf8();
+
+    AVFormatContext *rawOutput = nullptr;
+    int r = avformat_alloc_output_context2(&rawOutput, nullptr, nullptr, fileName.constData());
+    ff::OutputPtr output(rawOutput);
+    if (r < 0 || !output)
+        return fail(QStringLiteral("no muxer for %1").arg(file), r < 0 ? r : AVERROR_MUXER_NOT_FOUND);
+
+    const AVCodec *codec = avcodec_find_encoder_by_name(m_encoder.toUtf8().constData());
+    if (!codec || codec->type != AVMEDIA_TYPE_VIDEO)
+        return fail(QStringLiteral("no video encoder \"%1\"").arg(m_encoder), AVERROR_ENCODER_NOT_FOUND);
+    ff::CodecPtr encoder(avcodec_alloc_context3(codec));
+    if (!encoder)
+        return fail(QStringLiteral("no encoder context"), AVERROR(ENOMEM));
+
+    const auto sourceFormat = static_cast<AVPixelFormat>(first->format);
+    const AVRational rate = av_d2q(fps > 0 ? fps : 30.0, 1001000);
+    encoder->width = first->width;
+    encoder->height = first->height;
+    encoder->pix_fmt = codec->pix_fmts ? avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, sourceFormat, 0, nullptr)
+                                       : sourceFormat;
+    encoder->time_base = av_inv_q(rate);
+    encoder->framerate = rate;
+    encoder->sample_aspect_ratio = first->sample_aspect_ratio;
+    encoder->gop_size = 1;
+    if (output->oformat->flags & AVFMT_GLOBALHEADER)
+        encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    r = avcodec_open2(encoder.get(), codec, nullptr);
+    if (r < 0)
+        return fail(QStringLiteral("encoder \"%1\" does not open").arg(m_encoder), r);
+
+    AVStream *stream = avformat_new_stream(output.get(), nullptr);
+    if (!stream)
+        return fail(QStringLiteral("no stream"), AVERROR(ENOMEM));
+    r = avcodec_parameters_from_context(stream->codecpar, encoder.get());
+    if (r < 0)
+        return fail(QStringLiteral("encoder parameters"), r);
+    stream->time_base = encoder->time_base;
+    stream->avg_frame_rate = rate;
+
+    if (!(output->oformat->flags & AVFMT_NOFILE)) {
+        r = avio_open(&output->pb, fileName.constData(), AVIO_FLAG_WRITE);
+        if (r < 0)
+            return fail(QStringLiteral("cannot open %1").arg(file), r);
+    }
+    r = avformat_write_header(output.get(), nullptr);
+    if (r < 0)
+        return fail(QStringLiteral("cannot write the header of %1").arg(file), r);
+
+    ff::PacketPtr packet = ff::makePacket();
+    ff::FramePtr converted = ff::makeFrame();
+    converted->width = encoder->width;
+    converted->height = encoder->height;
+    converted->format = encoder->pix_fmt;
+    r = av_frame_get_buffer(converted.get(), 0);
+    if (r < 0)
+        return fail(QStringLiteral("no picture buffer"), r);
+
+    ff::SwsPtr sws;
+    int64_t index = 0;
+    for (const std::shared_ptr<AVFrame> &frame : frames) {
+        // Every picture goes to the first one's size and the encoder's format.
+        sws.reset(sws_getCachedContext(sws.release(), frame->width, frame->height,
+                                       static_cast<AVPixelFormat>(frame->format), encoder->width, encoder->height,
+                                       encoder->pix_fmt, SWS_BICUBIC | SWS_ACCURATE_RND | SWS_BITEXACT, nullptr,
+                                       nullptr, nullptr));
+        if (!sws)
+            return fail(QStringLiteral("no conversion for picture %1").arg(index), AVERROR(EINVAL));
+        r = av_frame_make_writable(converted.get());
+        if (r < 0)
+            return fail(QStringLiteral("picture buffer"), r);
+        sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, converted->data, converted->linesize);
+        converted->pts = index++;
+        r = encode(encoder.get(), converted.get(), output.get(), stream, packet.get());
+        if (r < 0)
+            return fail(QStringLiteral("encoding picture %1").arg(index - 1), r);
+    }
+    r = encode(encoder.get(), nullptr, output.get(), stream, packet.get());
+    if (r < 0)
+        return fail(QStringLiteral("flushing the encoder"), r);
+    r = av_write_trailer(output.get());
+    if (r < 0)
+        return fail(QStringLiteral("cannot finish %1").arg(file), r);
+    return 0;
+}
+
+} // namespace videoio

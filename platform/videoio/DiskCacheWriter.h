@@ -1,0 +1,65 @@
+#pragma once
+
+#include "videoio/InstantReader.h"
+
+#include <QObject>
+#include <QPoint>
+#include <QString>
+#include <QVariantMap>
+
+#include <vector>
+
+namespace videoio {
+
+// Writes the preview buffers of one view to video files, so that a live
+// render becomes a preview the player can load. Lives on a worker thread of
+// its own; buffers arrive through queued onAddtoCacheQueue calls.
+//
+// Constructor arguments:
+// - viewID: the view whose buffers it takes; buffers of other views are refused;
+// - options: "encoder" (an FFmpeg encoder name, default "ffv1", lossless and
+//   intra-only so any frame of the file can be shown at once) and "extension"
+//   (the container, default "mkv");
+// - folder: where the files go, the system's temporary folder
+//   (kutils-live-cache) when empty;
+// - cachedRanges: when not null, the writer appends the range of every file it
+//   writes; the vector is the caller's, touched on the writer's thread only.
+//
+// A file is named <folder>/<source base name>_v<view>_<first>-<last>_<n>.<ext>,
+// the range in ms. A range already written is not written again until
+// onClearcachedRangeReqAndHistory forgets what was written.
+class DiskCacheWriter : public QObject
+{
+    Q_OBJECT
+public:
+    DiskCacheWriter(int viewID, const QVariantMap &options, const QString &folder,
+                    std::vector<QPoint> *cachedRanges, QObject *parent = nullptr);
+
+    QString folder() const { return m_folder; }
+
+public slots:
+    // Takes what InstantReader::previewBufferReady carries.
+    void onAddtoCacheQueue(QString path, videoio::FrameBuffer frames, QPoint range, int viewID, double fps);
+    // Forgets the ranges written for `viewID` (-1 for any view).
+    void onClearcachedRangeReqAndHistory(int viewID);
+
+signals:
+    void cacheReadyToLoad(QString file, QPoint range, int viewID);
+    // `ret` is the FFmpeg error code of the failure.
+    void cacheError(QString path, QString message, int ret);
+
+private:
+    // Encodes `frames` into `file`; an FFmpeg error code and `error` on failure.
+    int write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
+              QString *error) const;
+
+    const int m_viewID;
+    const QString m_encoder;
+    const QString m_extension;
+    const QString m_folder;
+    std::vector<QPoint> *const m_cachedRanges;
+    std::vector<QPoint> m_written;
+    int m_fileCount = 0;
+};
+
+} // namespace videoio
