@@ -152,7 +152,20 @@ bool VPReqQueue::pop(QVariantMap &out)
     releaseHead(head);
     out = head;
     requests.erase(requests.begin());
+    inHand = true;
     return true;
+}
+
+void VPReqQueue::finished()
+{
+    const std::lock_guard lock(mutex);
+    inHand = false;
+}
+
+bool VPReqQueue::idle() const
+{
+    const std::lock_guard lock(mutex);
+    return requests.empty() && !inHand;
 }
 
 bool VPReqQueue::empty() const

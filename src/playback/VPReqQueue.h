@@ -56,9 +56,14 @@ public:
 
     void push(const QVariantMap &request);
     // Blocks until a request is there or the queue is stopped. After stop()
-    // it answers false and leaves what is pending unread.
+    // it answers false and leaves what is pending unread. The request popped
+    // counts as in hand until finished() is called.
     bool pop(QVariantMap &out);
+    void finished();
     bool empty() const;
+    // Nothing pending and nothing in hand; one answer under one lock, so there
+    // is no moment between a pop and the start of its work that looks idle.
+    bool idle() const;
     int size() const;
     // Clears `running` and wakes the waiting worker.
     void stop();
@@ -85,6 +90,7 @@ private:
     void releaseHead(const QVariantMap &head);
 
     bool running = true;
+    bool inHand = false;
     mutable std::mutex mutex;
     std::condition_variable wake;
     std::vector<QVariantMap> requests;

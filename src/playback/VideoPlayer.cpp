@@ -79,9 +79,8 @@ void VideoPlayer::runWorker()
     while (workerRunning) {
         if (!requests.pop(request))
             break;
-        handling = true;
         perform(request);
-        handling = false;
+        requests.finished();
     }
 }
 
@@ -92,7 +91,7 @@ void VideoPlayer::push(QVariantMap request)
 
 bool VideoPlayer::isIdle() const
 {
-    return !handling && requests.empty();
+    return requests.idle();
 }
 
 void VideoPlayer::perform(const QVariantMap &request)
@@ -340,6 +339,10 @@ qint64 VideoPlayer::truthTS(int viewID) const
 
 void VideoPlayer::seek(TSType requestedTimestamp, bool interrupt, bool initIR)
 {
+    // A seek asked for after a pause supersedes the realigning seek that waits
+    // for both panes to report paused; that one would carry the old position
+    // and could land after this one.
+    queuedSeek = false;
     push({{QStringLiteral("type"), Seek},
           {QStringLiteral("timestamp"), qlonglong(requestedTimestamp)},
           {QStringLiteral("interrupt"), interrupt},

@@ -230,7 +230,6 @@ private:
     std::atomic<bool> trimOn{false};
     std::atomic<bool> irEnabled{false};
     std::atomic<int> loopingUID{-1};
-    std::atomic<bool> handling{false};
     // A seek asked for on the caller's thread that the worker has not done yet:
     // a waiting play must not start on the panes' reports of an older seek.
     std::atomic<bool> seekRequested{false};

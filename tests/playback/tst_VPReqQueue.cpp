@@ -69,6 +69,7 @@ private slots:
     void pendingNamesTraceTheList();
     void devInfoCountsEveryCall();
     void popWaitsForAPush();
+    void aRequestInHandIsNotIdle();
     void stopWakesTheWorkerAndLeavesRequestsUnread();
     void randomProducerAndConsumer_data();
     void randomProducerAndConsumer();
@@ -311,6 +312,21 @@ void tst_VPReqQueue::randomProducerAndConsumer()
             lastSeq = seq;
         }
     }
+}
+
+void tst_VPReqQueue::aRequestInHandIsNotIdle()
+{
+    VPReqQueue queue;
+    QVERIFY(queue.idle());
+    queue.push(request(Play));
+    QVERIFY(!queue.idle());
+    QVariantMap out;
+    QVERIFY(queue.pop(out));
+    // Empty, but the worker has not done it yet.
+    QVERIFY(queue.empty());
+    QVERIFY(!queue.idle());
+    queue.finished();
+    QVERIFY(queue.idle());
 }
 
 QTEST_GUILESS_MAIN(tst_VPReqQueue)

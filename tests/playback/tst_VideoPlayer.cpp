@@ -317,6 +317,24 @@ private slots:
         QVERIFY(commands.of(1).contains(seekText(1500)));
     }
 
+    void seekAfterPauseIsNotUndoneByTheLateRealign()
+    {
+        QVERIFY(openInput());
+        player->seek(1500);
+        QVERIFY(settle());
+        QVERIFY(startPlaying());
+        player->pause();
+        player->seek(400);
+        QVERIFY(settle());
+        commands.clear();
+        // mpv's pause reports arrive after the user's seek.
+        player->queuedseekMPVSlotPaused(0);
+        player->queuedseekMPVSlotPaused(1);
+        QVERIFY(settle());
+        QVERIFY(commands.matching(0, QStringLiteral("seek")).isEmpty());
+        QCOMPARE(player->getInputTimestamp(), 400);
+    }
+
     void inOutRangeLoopsAtTheLastFrameBeforeTheOutPoint_data()
     {
         QTest::addColumn<int>("view");
