@@ -1,5 +1,7 @@
 #include "os/AppRegistry.h"
 
+#include "os/OsLogging.h"
+
 #include <QDir>
 #include <QLoggingCategory>
 
@@ -13,12 +15,6 @@
 namespace os {
 
 namespace {
-const QLoggingCategory &lcRegistry()
-{
-    static const QLoggingCategory category("kutils.os");
-    return category;
-}
-
 #ifdef Q_OS_WIN
 struct KeyClose
 {
@@ -54,14 +50,14 @@ bool AppRegistry::installPlugin(const QString &argument)
     HKEY rawKey = nullptr;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"Software\\Korvel Works LLC\\Korvel Video Pro", 0, KEY_READ, &rawKey)
         != ERROR_SUCCESS) {
-        qCWarning(lcRegistry) << "Could not find app registry";
+        qCWarning(lcOs) << "Could not find app registry";
         return false;
     }
     std::wstring installDir;
     {
         const KeyPtr key(rawKey);
         if (!readInstallDir(key.get(), installDir)) {
-            qCWarning(lcRegistry) << "Could not read InstallDir key";
+            qCWarning(lcOs) << "Could not read InstallDir key";
             return false;
         }
     }
@@ -79,7 +75,7 @@ bool AppRegistry::installPlugin(const QString &argument)
     info.lpDirectory = installDir.c_str();
     info.nShow = SW_SHOWNORMAL;
     if (!ShellExecuteExW(&info) || !info.hProcess) {
-        qCWarning(lcRegistry) << "Failed to start process:" << GetLastError();
+        qCWarning(lcOs) << "Failed to start process:" << GetLastError();
         return false;
     }
     const HandlePtr process(info.hProcess);
@@ -92,13 +88,13 @@ bool AppRegistry::installPlugin(const QString &argument)
     } while (GetExitCodeProcess(process.get(), &exitCode) && exitCode == STILL_ACTIVE);
 
     if (exitCode != 0) {
-        qCWarning(lcRegistry) << "Failed:" << exitCode;
+        qCWarning(lcOs) << "Failed:" << exitCode;
         return false;
     }
     return true;
 #else
     Q_UNUSED(argument);
-    qCWarning(lcRegistry) << "Could not find app registry";
+    qCWarning(lcOs) << "Could not find app registry";
     return false;
 #endif
 }

@@ -1,5 +1,7 @@
 #include "os/Shell.h"
 
+#include "os/OsLogging.h"
+
 #include <QDesktopServices>
 #include <QDir>
 #include <QFileInfo>
@@ -21,12 +23,6 @@
 namespace os {
 
 namespace {
-const QLoggingCategory &lcShell()
-{
-    static const QLoggingCategory category("kutils.os");
-    return category;
-}
-
 #ifdef Q_OS_WIN
 struct ItemListFree
 {
@@ -46,12 +42,12 @@ void Shell::revealInFileManager(const QString &path)
     const std::wstring nativePath = QDir::toNativeSeparators(QFileInfo(path).absoluteFilePath()).toStdWString();
     const std::unique_ptr<ITEMIDLIST, ItemListFree> items(ILCreateFromPathW(nativePath.c_str()));
     if (!items) {
-        qCWarning(lcShell) << "Cannot make a shell item of" << path;
+        qCWarning(lcOs) << "Cannot make a shell item of" << path;
         return;
     }
     const HRESULT result = SHOpenFolderAndSelectItems(items.get(), 0, nullptr, 0);
     if (FAILED(result))
-        qCWarning(lcShell) << "Cannot show" << path << "in the shell, error" << Qt::hex << ulong(result);
+        qCWarning(lcOs) << "Cannot show" << path << "in the shell, error" << Qt::hex << ulong(result);
 #else
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
@@ -67,7 +63,7 @@ void Shell::revealInFileManager(const QString &path)
     auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000));
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher, [path](QDBusPendingCallWatcher *self) {
         if (self->isError()) {
-            qCDebug(lcShell) << "No file manager service:" << self->error().message() << "- opening the folder";
+            qCDebug(lcOs) << "No file manager service:" << self->error().message() << "- opening the folder";
             openFolderOf(path);
         }
         self->deleteLater();

@@ -1504,20 +1504,22 @@ void VideoPlayer::clearVideoCropToView(int viewID)
         p->clearCrop();
 }
 
-void VideoPlayer::moveMPVPan(QPointF pos)
+void VideoPlayer::forEachPane(const std::function<void(MPVObject *)> &apply) const
 {
     for (int view : {0, 1}) {
         if (MPVObject *p = pane(view))
-            p->movePan(pos);
+            apply(p);
     }
+}
+
+void VideoPlayer::moveMPVPan(QPointF pos)
+{
+    forEachPane([pos](MPVObject *p) { p->movePan(pos); });
 }
 
 void VideoPlayer::setZoom(double zoom)
 {
-    for (int view : {0, 1}) {
-        if (MPVObject *p = pane(view))
-            p->setZoom(zoom);
-    }
+    forEachPane([zoom](MPVObject *p) { p->setZoom(zoom); });
 }
 
 void VideoPlayer::setMute(bool mute)
@@ -1534,10 +1536,7 @@ void VideoPlayer::setMute(int mpvNo, bool mute)
 
 void VideoPlayer::setVolume(int volume)
 {
-    for (int view : {0, 1}) {
-        if (MPVObject *p = pane(view))
-            p->setVolume(volume);
-    }
+    forEachPane([volume](MPVObject *p) { p->setVolume(volume); });
 }
 
 void VideoPlayer::setMPVIdle(bool isIdle)

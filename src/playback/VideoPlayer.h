@@ -212,6 +212,7 @@ private:
     std::shared_ptr<Video> findVideo(UID uid) const;
     QPoint getInOutRange() const;
     MPVObject *pane(int viewID) const;
+    void forEachPane(const std::function<void(MPVObject *)> &apply) const;
     ViewNode *node(int viewID) const;
     static bool isPane(int viewID);
     TSType inputEnd() const;

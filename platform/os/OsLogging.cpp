@@ -1,0 +1,3 @@
+#include "os/OsLogging.h"
+
+Q_LOGGING_CATEGORY(lcOs, "kutils.os")
