@@ -1,56 +1,17 @@
+#include "FrameHashes.h"
 #include "VideoioMedia.h"
 
 #include "videoio/FFReader.h"
 
-#include <QCryptographicHash>
 #include <QSize>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QVideoFrame>
 
 #include <opencv2/core.hpp>
 
 using namespace videoio;
 using namespace videoio::testing;
 
-namespace {
-
-QByteArray hashOf(Reader &reader)
-{
-    const std::shared_ptr<QVideoFrame> frame = reader.frame();
-    if (!frame)
-        return {};
-    QVideoFrame copy = *frame;
-    if (!copy.map(QVideoFrame::ReadOnly))
-        return {};
-    QCryptographicHash hash(QCryptographicHash::Md5);
-    const int rowBytes = copy.width() * 4;
-    for (int y = 0; y < copy.height(); ++y)
-        hash.addData(QByteArrayView(copy.bits(0) + y * copy.bytesPerLine(0), rowBytes));
-    copy.unmap();
-    return hash.result();
-}
-
-struct Decoded
-{
-    QList<QByteArray> hashes;
-    QList<qlonglong> positions;
-};
-
-Decoded decodeAll(const QString &path)
-{
-    Decoded all;
-    FFReader reader(path);
-    if (!reader.isOpen())
-        return all;
-    do {
-        all.hashes << hashOf(reader);
-        all.positions << reader.position();
-    } while (reader.next());
-    return all;
-}
-
-} // namespace
 
 class tst_FFReader : public QObject
 {
@@ -129,25 +90,25 @@ private slots:
         for (int index : std::as_const(order)) {
             QVERIFY(reader.seek(all.positions[index], false));
             QCOMPARE(reader.position(), all.positions[index]);
-            QVERIFY2(hashOf(reader) == all.hashes[index], qPrintable(QStringLiteral("frame %1").arg(index)));
+            QVERIFY2(frameHash(reader) == all.hashes[index], qPrintable(QStringLiteral("frame %1").arg(index)));
         }
         // Between two frames the earlier one is shown.
         const int middle = frames / 2;
         QVERIFY(reader.seek(all.positions[middle] + 5, false));
-        QCOMPARE(hashOf(reader), all.hashes[middle]);
+        QCOMPARE(frameHash(reader), all.hashes[middle]);
         // Stepping after a seek goes on from the frame sought.
         QVERIFY(reader.next());
-        QCOMPARE(hashOf(reader), all.hashes[middle + 1]);
+        QCOMPARE(frameHash(reader), all.hashes[middle + 1]);
         QVERIFY(reader.previous());
         QVERIFY(reader.previous());
-        QCOMPARE(hashOf(reader), all.hashes[middle - 1]);
+        QCOMPARE(frameHash(reader), all.hashes[middle - 1]);
         QVERIFY(reader.last());
-        QCOMPARE(hashOf(reader), all.hashes.last());
+        QCOMPARE(frameHash(reader), all.hashes.last());
         QVERIFY(reader.isEOF());
         QVERIFY(!reader.next());
         QVERIFY(reader.isEOF());
         QVERIFY(reader.first());
-        QCOMPARE(hashOf(reader), all.hashes.first());
+        QCOMPARE(frameHash(reader), all.hashes.first());
         QVERIFY(!reader.isEOF());
     }
 
@@ -227,14 +188,14 @@ private slots:
         FFReader reader(path(file));
         QVERIFY(reader.seek(500, false));
         const qlonglong before = reader.position();
-        const QByteArray shown = hashOf(reader);
+        const QByteArray shown = frameHash(reader);
         const cv::Mat thumb = reader.thumbnail(380.0f, 30, 0);
         QCOMPARE(thumb.type(), CV_8UC3);
         QCOMPARE(thumb.cols, cols);
         QCOMPARE(thumb.rows, rows);
         // Taking a thumbnail elsewhere leaves the reader where it stood.
         QCOMPARE(reader.position(), before);
-        QCOMPARE(hashOf(reader), shown);
+        QCOMPARE(frameHash(reader), shown);
     }
 
     void thinPicturesKeepTheMinimumEdge()
