@@ -1,6 +1,7 @@
 #include "playback/MPVObject.h"
 
 #include "os/NativeSurface.h"
+#include "playback/PaneSlot.h"
 
 #include <QQuickWindow>
 
@@ -49,6 +50,14 @@ MPVObject::MPVObject(QQuickItem *parent)
 
 MPVObject::~MPVObject()
 {
+    // First of all: no player may reach the pane once its teardown has begun.
+    // Each slot's lock waits for a call under way to end.
+    {
+        const std::lock_guard lock(ownersMutex);
+        for (PaneSlot *slot : owners)
+            slot->release();
+        owners.clear();
+    }
     // QQuickItem's own destructor still reports the window going away; by then
     // this object is no longer an MPVObject.
     disconnect(this, &QQuickItem::windowChanged, this, &MPVObject::setup);
@@ -67,6 +76,18 @@ MPVObject::~MPVObject()
     // The window goes first, then the members, and the mpv context last (it is
     // the first member, so it is destroyed after all the others).
     container.reset();
+}
+
+void MPVObject::addOwner(PaneSlot *slot)
+{
+    const std::lock_guard lock(ownersMutex);
+    owners.push_back(slot);
+}
+
+void MPVObject::removeOwner(PaneSlot *slot)
+{
+    const std::lock_guard lock(ownersMutex);
+    std::erase(owners, slot);
 }
 
 MPVPlayer &MPVObject::player()

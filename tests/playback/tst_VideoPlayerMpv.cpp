@@ -9,6 +9,7 @@
 
 #include <QElapsedTimer>
 #include <QGuiApplication>
+#include <QPointer>
 #include <QQmlComponent>
 #include <QQmlEngine>
 #include <QQuickWindow>
@@ -166,6 +167,52 @@ private slots:
             return std::abs(shown.first - frame) < 0.5 && std::abs(shown.second - frame) < 0.5;
         }, 20000);
         QVERIFY2(landed, qPrintable(QStringLiteral("left %1 right %2, asked %3").arg(shown.first).arg(shown.second).arg(frame)));
+    }
+
+    // The scene owns the panes and may destroy one, or everything, in any
+    // order while the player's worker is about to command them.
+    void destroyingPanesMidPlayOrSeek_data()
+    {
+        QTest::addColumn<QString>("doomed");
+        QTest::addColumn<bool>("playing");
+        QTest::newRow("left pane while playing") << "left" << true;
+        QTest::newRow("right pane amid seeks") << "right" << false;
+        QTest::newRow("player before its panes, amid seeks") << "player" << false;
+        QTest::newRow("whole scene while playing") << "scene" << true;
+    }
+
+    void destroyingPanesMidPlayOrSeek()
+    {
+        QFETCH(QString, doomed);
+        QFETCH(bool, playing);
+        auto scene = makeScene();
+        QVERIFY(scene);
+        QPointer<VideoPlayer> player = scene->player;
+        openAll(*scene);
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle() && player->getIsOpen(), 30000);
+        if (playing) {
+            player->play();
+            QTRY_VERIFY_WITH_TIMEOUT(player->getInputTimestamp() > 200, 30000);
+        }
+        for (int ms = 0; ms < 2000; ms += 160)
+            player->seek(ms);
+        if (doomed == QLatin1String("left"))
+            delete scene->left;
+        else if (doomed == QLatin1String("right"))
+            delete scene->right;
+        else if (doomed == QLatin1String("player"))
+            delete scene->player;
+        else
+            scene.reset();
+        if (player) {
+            // The survivors go on taking requests.
+            player->seek(1200);
+            player->play();
+            player->next();
+            player->setZoom(2.0);
+            QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
+        }
+        QTest::qWait(200);
     }
 
     void panesStayOnOneClockAcrossPreviewBoundaries()
