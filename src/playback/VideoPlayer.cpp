@@ -1014,10 +1014,14 @@ void VideoPlayer::setSpeeds()
 {
     const float leftFactor = leftNode->slowMotion;
     const float rightFactor = rightNode->slowMotion;
+    // "set speed" replaces any trim of the frame lock, whose lines start anew.
+    frameLock.reset();
     // Sent without waiting: a core busy with an exact seek would hold the
     // worker, and with it the next seek of a burst, until that seek is done.
     if (leftFactor == rightFactor) {
         forEachPane([](MPVObject &pane) { pane.executeCommand(speedCommand(1.0), true); });
+        baseSpeed[0] = 1.0;
+        baseSpeed[1] = 1.0;
         return;
     }
     // The pane with the greater factor runs at normal speed; the other is
@@ -1028,6 +1032,8 @@ void VideoPlayer::setSpeeds()
     const syncmath::Speeds speeds = syncmath::paneSpeeds(leftFactor, rightFactor);
     slowNode->mpv.use([](MPVObject &pane) { pane.executeCommand(speedCommand(1.0), true); });
     const double fastSpeed = leftIsSlow ? speeds.right : speeds.left;
+    baseSpeed[leftIsSlow ? 0 : 1] = 1.0;
+    baseSpeed[leftIsSlow ? 1 : 0] = fastSpeed;
     fastNode->mpv.use([fastSpeed](MPVObject &pane) { pane.executeCommand(speedCommand(fastSpeed), true); });
     log.log(QStringLiteral("_$$_ slowNode: %1").arg(slowNode->getTimestamp()));
     log.log(QStringLiteral("_$$_ fastNode: %1").arg(fastNode->getTimestamp()));
@@ -1086,6 +1092,7 @@ void VideoPlayer::handlePause(bool thenSeek)
     forEachPane([](MPVObject &pane) { pane.pause(); });
     if (thenSeek)
         queuedSeek = true;
+    frameLock.reset();
     leftNode->timelineSyncEnabled = false;
     rightNode->timelineSyncEnabled = false;
 }
@@ -1247,6 +1254,7 @@ void VideoPlayer::mpvTimelineSync(int mpvID, qlonglong timePos, bool isEOF)
         n->mpvTS = timePos;
         n->truthTS = syncmath::clampToRangeStart(static_cast<qint64>(pos), range);
         log.log(QStringLiteral("truthTS updated 2 :%1").arg(n->truthTS.load()));
+        holdFrameLock(mpvID, *video, pos, currentIn ? currentIn->framerate : video->framerate);
         return;
     }
     // 3. Looping one preview.
@@ -1286,6 +1294,7 @@ void VideoPlayer::mpvTimelineSync(int mpvID, qlonglong timePos, bool isEOF)
         return;
     }
     log.log(QStringLiteral("Time to Loading next video at %1").arg(static_cast<double>(pos)));
+    frameLock.reset();
     {
         const std::lock_guard lock(timelineMutex);
         n->playbackIndex = nextIndex;
@@ -1300,6 +1309,59 @@ void VideoPlayer::mpvTimelineSync(int mpvID, qlonglong timePos, bool isEOF)
     if (viewAtEnd[0] == viewAtEnd[1]) {
         queuePlay();
         requestSeek(nextRange.first, false, false);
+    }
+}
+
+void VideoPlayer::holdFrameLock(int mpvID, const Video &video, float inputPos, double inputFramerate)
+{
+    double reportedAt = 0;
+    std::string playing;
+    usePane(mpvID, [&](MPVObject &pane) {
+        reportedAt = pane.reportTime();
+        playing = pane.getCurrentPlayingVideoPath();
+    });
+    // A report from the file before a load, or a pane never started, says
+    // nothing about where the pane's frames stand.
+    if (playing != video.filepath || reportedAt <= 0 || !(video.framerate > 0) || !(inputFramerate > 0))
+        return;
+    const ViewNode *n = node(mpvID);
+    const double factor = n->slowMotion > 0 ? n->slowMotion : 1.0;
+    const double rate = baseSpeed[static_cast<size_t>(mpvID)] / factor;
+    const double frameMs = std::min(1000.0 / inputFramerate, 1000.0 / video.framerate / factor);
+    const FrameLock::Action action = frameLock.report(mpvID, inputPos, reportedAt, rate, frameMs);
+    const double base = baseSpeed[FrameLock::kFollower];
+    switch (action.kind) {
+    case FrameLock::Action::None:
+        return;
+    case FrameLock::Action::Trim:
+        log.log([&] { return QStringLiteral("frame lock: right pane at %1 of its speed").arg(action.speedFactor); });
+        usePane(FrameLock::kFollower, [&](MPVObject &pane) { pane.player().setSpeedProperty(base * action.speedFactor); });
+        return;
+    case FrameLock::Action::Reseek: {
+        ViewNode *follower = node(FrameLock::kFollower);
+        std::shared_ptr<Video> shown;
+        TimeRange range;
+        {
+            const std::lock_guard lock(timelineMutex);
+            const auto index = static_cast<std::size_t>(follower->playbackIndex);
+            if (index >= follower->playbackVideos.size() || index >= follower->playbackRanges.size())
+                return;
+            shown = follower->playbackVideos[index];
+            range = follower->playbackRanges[index];
+        }
+        const auto target = static_cast<qint64>(action.targetInputMs);
+        // Across a boundary the player's own switch realigns the panes.
+        if (!shown || target < range.first || target >= range.second)
+            return;
+        const qint64 fileMs = shown == input() ? target
+                                               : syncmath::inputToFile(target, shown->startOffset, shown->slowmotion);
+        log.log(QStringLiteral("frame lock: right pane off by more than two frames, re-seeking it to %1").arg(target));
+        usePane(FrameLock::kFollower, [&](MPVObject &pane) {
+            pane.player().setSpeedProperty(base);
+            pane.seek(fileMs);
+        });
+        return;
+    }
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "playback/FrameLock.h"
 #include "playback/MPVObject.h"
 #include "playback/VPReqQueue.h"
 #include "playback/VideoPlayerContext.h"
@@ -204,6 +205,9 @@ private:
     // input before any stretch still rendering.
     void lookAheadStopIR(int viewID, const Order &order);
     void setSpeeds();
+    // Feeds one position report of a pane to the frame lock and carries out
+    // its correction of the right pane.
+    void holdFrameLock(int mpvID, const Video &video, float inputPos, double inputFramerate);
 
     Order orderAt(ViewNode *node, TSType t);
     std::shared_ptr<Timeline> timelineOf(ViewNode *node);
@@ -270,6 +274,10 @@ private:
     std::unique_ptr<ViewNode> rightNode;
     QHash<int, ViewNode *> views;
     std::unique_ptr<ViewNodeManager> viewNodeManager;
+
+    FrameLock frameLock;
+    // The speeds the last seek set, before any trim of the frame lock.
+    std::array<std::atomic<double>, 2> baseSpeed{1.0, 1.0};
 
     VPReqQueue requests;
     std::thread worker;
