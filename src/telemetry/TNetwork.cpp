@@ -128,7 +128,8 @@ void TNetwork::requestFinished(QNetworkReply *reply)
         return;
     if (reply->error() != QNetworkReply::NoError) {
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        const QByteArray body = reply->read(maxLoggedErrorBody);
+        // An aborted reply is closed and has nothing left to read.
+        const QByteArray body = reply->isOpen() ? reply->read(maxLoggedErrorBody) : QByteArray();
         qCWarning(lcTelemetry).noquote() << "Network error. Status Code:" << status << reply->error()
                                          << "Error:" << reply->errorString() << "Body:" << body;
     }
