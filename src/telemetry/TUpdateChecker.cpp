@@ -23,6 +23,8 @@
 
 namespace {
 
+constexpr qint64 installerReadBuffer = 4 << 20;
+
 QString buildType()
 {
     const QString name = QCoreApplication::applicationName().toUpper();
@@ -238,6 +240,9 @@ void TUpdateChecker::startUpdate(QVariantMap update)
         reply->abort();
         return;
     }
+    // Without a bound the network thread outruns the disk and the reply
+    // buffers hundreds of MiB.
+    reply->setReadBufferSize(installerReadBuffer);
     connect(reply, &QNetworkReply::readyRead, this, [this, reply] { streamInstaller(reply); });
 }
 
