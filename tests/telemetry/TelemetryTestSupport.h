@@ -3,32 +3,24 @@
 #include <httplib.h>
 
 #include "ThrowawayCa.h"
-
 #include "plugin/Configuration.h"
 
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QString>
-#include <QStringList>
 
 #include <condition_variable>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
-// An HTTP or HTTPS server on 127.0.0.1 in a thread of its own, for tests. It
-// keeps every request it is sent (method, path, decoded query or form,
-// headers, body), and handlers can hold their answer until the test releases
-// them.
+// An HTTP or HTTPS server on 127.0.0.1 in a thread of its own. It keeps every
+// request (method, path, decoded query or form, headers, body), and a handler
+// can hold its answer until the test releases it.
 class LoopbackServer
 {
 public:
     using Handler = std::function<void(const httplib::Request &, httplib::Response &)>;
 
-    // HTTPS with the certificate of `tls` when given, plain HTTP otherwise.
     explicit LoopbackServer(const testca::Files *tls = nullptr)
         : server(tls ? std::make_unique<httplib::SSLServer>(tls->serverCert.c_str(), tls->serverKey.c_str())
                      : std::make_unique<httplib::Server>())
@@ -38,7 +30,6 @@ public:
         port = server->bind_to_any_port("127.0.0.1");
         thread = std::thread([this] { server->listen_after_bind(); });
     }
-
     ~LoopbackServer()
     {
         release();
@@ -60,10 +51,7 @@ public:
             }
             handler(request, response);
         };
-        if (std::string_view(method) == "POST")
-            server->Post(path, recorded);
-        else
-            server->Get(path, recorded);
+        std::string_view(method) == "POST" ? server->Post(path, recorded) : server->Get(path, recorded);
     }
 
     std::vector<httplib::Request> requests()
@@ -79,11 +67,11 @@ public:
         released = false;
     }
 
-    // For handlers: waits until the test calls release(), at most `seconds`.
-    void hold(int seconds = 10)
+    // For handlers: waits until the test calls release(), ten seconds at most.
+    void hold()
     {
         std::unique_lock lock(mutex);
-        wake.wait_for(lock, std::chrono::seconds(seconds), [this] { return released; });
+        wake.wait_for(lock, std::chrono::seconds(10), [this] { return released; });
     }
 
     void release()
@@ -111,7 +99,6 @@ inline QString qs(const std::string &text)
     return QString::fromStdString(text);
 }
 
-// Answers every request with `body` (JSON unless told) and `status`.
 inline LoopbackServer::Handler answer(std::string body, int status = 200, const char *type = "application/json")
 {
     return [=](const httplib::Request &, httplib::Response &response) {
@@ -123,39 +110,11 @@ inline LoopbackServer::Handler answer(std::string body, int status = 200, const 
 // Makes `settings` the configuration in force, through a file in `dir`.
 inline void useConfiguration(const QString &dir, const QJsonObject &settings)
 {
-    const QString path = dir + QStringLiteral("/config.json");
-    QFile file(path);
+    QFile file(dir + QStringLiteral("/config.json"));
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        qFatal("cannot write %s", qPrintable(path));
+        qFatal("cannot write %s", qPrintable(file.fileName()));
     file.write(QJsonDocument(settings).toJson());
     file.close();
-    qputenv("KUTILS_CONFIG_FILE", path.toUtf8());
+    qputenv("KUTILS_CONFIG_FILE", file.fileName().toUtf8());
     Configuration::reload();
 }
-
-// Keeps the log lines of one category while it lives.
-class LogCapture
-{
-public:
-    explicit LogCapture(const char *category = "kutils.telemetry")
-    {
-        current() = this;
-        wanted = category;
-        previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext &context, const QString &text) {
-            if (context.category && std::string_view(context.category) == current()->wanted)
-                current()->lines.append(text);
-        });
-    }
-    ~LogCapture() { qInstallMessageHandler(previous); }
-
-    QStringList lines;
-
-private:
-    static LogCapture *&current()
-    {
-        static LogCapture *capture = nullptr;
-        return capture;
-    }
-    const char *wanted;
-    QtMessageHandler previous;
-};

@@ -47,18 +47,16 @@ void EventTrackerTest::initTestCase()
     collector->on("POST", "/v1/t", answer("{}"));
     collector->on("GET", "/error", answer(std::string(5 << 20, 'x'), 500, "text/plain"));
     amplitude->on("GET", "/v1/vardata", [](const httplib::Request &request, httplib::Response &response) {
-        const bool fail = request.get_param_value("device_id") == "fail";
-        answer(fail ? "not json" : R"({"flag":{"key":"on"}})")(request, response);
+        answer(request.get_param_value("device_id") == "fail" ? "not json" : R"({"flag":{"key":"on"}})")(request,
+                                                                                                         response);
     });
     amplitude->on("GET", "/v1/userprofile", [this](const httplib::Request &request, httplib::Response &response) {
         const std::string device = request.get_param_value("device_id");
-        if (device == "trickle") {
-            response.set_chunked_content_provider("text/plain", [](size_t, httplib::DataSink &sink) {
+        if (device == "trickle")
+            return response.set_chunked_content_provider("text/plain", [](size_t, httplib::DataSink &sink) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(200));
                 return sink.write(" ", 1);
             });
-            return;
-        }
         if (device == "held")
             amplitude->hold();
         answer(R"({"userData":{"amp_props":{"gp:id":"\"abc\""}}})")(request, response);
@@ -69,16 +67,11 @@ void EventTrackerTest::initTestCase()
         answer(identifyAnswer, 200, "text/plain")(request, response);
     });
     config = QJsonObject{
-        {"eventCollectorUrl", collector->base() + "/v1/t"},
-        {"segmentWriteKeyProduction", "cHJvZDo="},
-        {"segmentWriteKeyDevelopment", "ZGV2Og=="},
-        {"amplitudeVardataUrl", amplitude->base()},
-        {"amplitudeProfileUrl", amplitude->base()},
-        {"amplitudeIdentifyUrl", amplitude->base()},
-        {"amplitudeProjectKey", "project+key"},
-        {"amplitudeSecret", "secret"},
-        {"caBundle", qs(ca.caCert)},
-        {"transferTimeoutMs", 2500},
+        {"eventCollectorUrl", collector->base() + "/v1/t"}, {"segmentWriteKeyProduction", "cHJvZDo="},
+        {"segmentWriteKeyDevelopment", "ZGV2Og=="},         {"amplitudeVardataUrl", amplitude->base()},
+        {"amplitudeProfileUrl", amplitude->base()},         {"amplitudeIdentifyUrl", amplitude->base()},
+        {"amplitudeProjectKey", "project+key"},             {"amplitudeSecret", "secret"},
+        {"caBundle", qs(ca.caCert)},                        {"transferTimeoutMs", 2500},
     };
     useConfiguration(dir.path(), config);
 }
@@ -95,7 +88,7 @@ void EventTrackerTest::trackPostsOneEvent_data()
     QTest::addColumn<QString>("identifier");
     QTest::addColumn<QVariantMap>("params");
     QTest::newRow("ascii") << u"export"_s << QVariantMap{{u"codec"_s, u"prores"_s}, {u"frames"_s, 240}};
-    QTest::newRow("non-ascii, body longer in bytes") << u"Grüße"_s << QVariantMap{{u"title"_s, u"Ärger"_s}};
+    QTest::newRow("non-ascii, longer in bytes") << u"Grüße"_s << QVariantMap{{u"title"_s, u"Ärger"_s}};
     QTest::newRow("no params") << u"start"_s << QVariantMap();
 }
 
@@ -111,31 +104,25 @@ void EventTrackerTest::trackPostsOneEvent()
     tracker.setProperty("uniqueId", u"anon-1"_s);
     QSignalSpy finished(&tracker, &TEventTracker::requestFinished);
     const QString id = params.isEmpty() ? tracker.track(identifier) : tracker.track(identifier, params);
-    QVERIFY(!id.isEmpty());
     QVERIFY(finished.wait());
     QCOMPARE(finished.first().first().toString(), id);
 
-    const auto requests = collector->requests();
-    QCOMPARE(requests.size(), size_t(1));
-    const httplib::Request &request = requests.front();
+    const httplib::Request request = collector->requests().at(0);
     // The production credential, in developer mode too.
-    QCOMPARE(qs(request.get_header_value("Authorization")), QStringLiteral("Basic cHJvZDo="));
-    QCOMPARE(qs(request.get_header_value("Content-Type")), QStringLiteral("application/json"));
+    QCOMPARE(qs(request.get_header_value("Authorization")), u"Basic cHJvZDo="_s);
+    QCOMPARE(qs(request.get_header_value("Content-Type")), u"application/json"_s);
     const QJsonObject event = QJsonDocument::fromJson(QByteArray::fromStdString(request.body)).object();
     QCOMPARE(event.value("anonymousId").toString(), u"anon-1"_s);
     QCOMPARE(event.value("event").toString(), identifier);
     QCOMPARE(event.value("properties").toObject().toVariantMap(), params);
-    const QString timestamp = event.value("timestamp").toString();
-    QVERIFY2(QRegularExpression(u"^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z$"_s).match(timestamp).hasMatch(),
-             qPrintable(timestamp));
-    const QDateTime sent = QDateTime::fromString(timestamp, Qt::ISODateWithMs);
-    QVERIFY(qAbs(sent.secsTo(QDateTime::currentDateTimeUtc())) < 600);
+    QVERIFY(QRegularExpression(u"^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z$"_s)
+                .match(event.value("timestamp").toString())
+                .hasMatch());
 }
 
 void EventTrackerTest::trackSendsNothingWithoutKeyOrConsent()
 {
-    TEventTracker disabled;
-    QCOMPARE(disabled.track(u"export"_s), QString());
+    QCOMPARE(TEventTracker().track(u"export"_s), QString());
     QJsonObject keyless = config;
     keyless.remove(kutils::isDeveloperMode() ? "segmentWriteKeyDevelopment" : "segmentWriteKeyProduction");
     useConfiguration(dir.path(), keyless);
@@ -149,16 +136,15 @@ void EventTrackerTest::trackSendsNothingWithoutKeyOrConsent()
 
 void EventTrackerTest::emptyCollectorAddressFailsAtOnce()
 {
-    QJsonObject noCollector = config;
-    noCollector.remove("eventCollectorUrl");
-    useConfiguration(dir.path(), noCollector);
+    config.remove("eventCollectorUrl");
+    useConfiguration(dir.path(), config);
+    config["eventCollectorUrl"] = collector->base() + "/v1/t";
     TEventTracker tracker;
     tracker.setEnabled(true);
     QSignalSpy finished(&tracker, &TEventTracker::requestFinished);
-    LogCapture log;
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^Network error. Status Code: 0 "_s));
     QVERIFY(!tracker.track(u"export"_s).isEmpty());
     QVERIFY(finished.wait());
-    QVERIFY(log.lines.join('\n').contains(u"Network error. Status Code:"_s));
 }
 
 void EventTrackerTest::twoNetworksEachSeeOnlyTheirReplies()
@@ -170,7 +156,7 @@ void EventTrackerTest::twoNetworksEachSeeOnlyTheirReplies()
     QTRY_VERIFY(firstSpy.count() == 1 && secondSpy.count() == 1);
     QCOMPARE(firstSpy.first().first().toString(), firstId);
     QCOMPARE(secondSpy.first().first().toString(), secondId);
-    QCOMPARE(qs(collector->requests().front().get_header_value("Content-Type")), u"application/json"_s);
+    QCOMPARE(qs(collector->requests().at(0).get_header_value("Content-Type")), u"application/json"_s);
     for (const auto *spy : {&firstSpy, &secondSpy})
         spy->first().last().value<QNetworkReply *>()->deleteLater();
     QVERIFY(!first.request(firstId));
@@ -178,17 +164,20 @@ void EventTrackerTest::twoNetworksEachSeeOnlyTheirReplies()
 
 void EventTrackerTest::errorBodyIsCutInTheLog()
 {
+    static qsizetype loggedBody = -1;
+    const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &text) {
+        if (text.startsWith(u"Network error. Status Code: 500"_s))
+            loggedBody = text.size() - text.indexOf(u" Body: "_s) - 7;
+    });
     TNetwork network;
     QSignalSpy replies(&network, &TNetwork::replyRecieved);
-    LogCapture log;
     network.get(QUrl(collector->base() + "/error"), {}, {});
     QVERIFY(replies.wait());
+    qInstallMessageHandler(previous);
+    QCOMPARE(loggedBody, 4194304);
     auto *reply = replies.first().last().value<QNetworkReply *>();
     QVERIFY(reply->readAll().isEmpty()); // the log consumed it
     reply->deleteLater();
-    QCOMPARE(log.lines.size(), 1);
-    QVERIFY(log.lines.first().startsWith(u"Network error. Status Code: 500"_s));
-    QVERIFY(log.lines.first().size() > 4194304 && log.lines.first().size() < 4194304 + 500);
 }
 
 void EventTrackerTest::getFeaturesSetsTheFlagsBeforeItReturns()
@@ -197,11 +186,10 @@ void EventTrackerTest::getFeaturesSetsTheFlagsBeforeItReturns()
     QSignalSpy changed(&tracker, &TEventTracker::featuresChanged);
     QMetaObject::invokeMethod(&tracker, "getFeatures", Q_ARG(QString, u"machine+1"_s));
     QCOMPARE(tracker.property("features").toMap().value(u"flag"_s).toMap().value(u"key"_s), u"on"_s);
-    const httplib::Request request = amplitude->requests().front();
-    QCOMPARE(qs(request.get_param_value("device_id")), QStringLiteral("machine+1"));
-    QCOMPARE(qs(request.get_header_value("Authorization")), QStringLiteral("Api-Key project+key"));
-    // A failed fetch clears the flags.
-    emit tracker.getFeatures(u"fail"_s);
+    const httplib::Request request = amplitude->requests().at(0);
+    QCOMPARE(qs(request.get_param_value("device_id")), u"machine+1"_s);
+    QCOMPARE(qs(request.get_header_value("Authorization")), u"Api-Key project+key"_s);
+    emit tracker.getFeatures(u"fail"_s); // a failed fetch clears the flags
     QVERIFY(tracker.property("features").toMap().isEmpty());
     QCOMPARE(changed.count(), 2);
 }
@@ -217,7 +205,6 @@ void EventTrackerTest::repairUserIdentity_data()
     QTest::newRow("repaired") << u"m1"_s << u"a+b@x.io"_s << u"dev+1 é"_s << u"success"_s << true << 2;
     QTest::newRow("only exact success") << u"m1"_s << u"a@x.io"_s << u"dev"_s << u"success\n"_s << false << 2;
     QTest::newRow("nothing to repair") << u"m1"_s << u"a@x.io"_s << u"m1"_s << u"success"_s << true << 0;
-    QTest::newRow("no unique id") << u"m1"_s << u"a@x.io"_s << QString() << u"success"_s << true << 0;
     QTest::newRow("no e-mail") << u"m1"_s << QString() << u"dev"_s << u"success"_s << false << 0;
     QTest::newRow("no machine") << QString() << u"a@x.io"_s << u"dev"_s << u"success"_s << false << 0;
 }
@@ -231,35 +218,32 @@ void EventTrackerTest::repairUserIdentity()
     QFETCH(bool, expected);
     QFETCH(int, requests);
     this->identifyAnswer = identifyAnswer.toStdString();
-    AmplitudeApi api;
-    QCOMPARE(api.repairUserIdentity(machineId, email, uniqueId), expected);
+    QCOMPARE(AmplitudeApi().repairUserIdentity(machineId, email, uniqueId), expected);
     const auto sent = amplitude->requests();
     QCOMPARE(int(sent.size()), requests);
     if (!requests)
         return;
-    QCOMPARE(qs(sent[0].path), u"/v1/userprofile"_s);
-    QCOMPARE(qs(sent[0].get_param_value("get_amp_props")), QStringLiteral("true"));
+    QCOMPARE(qs(sent[0].get_param_value("get_amp_props")), u"true"_s);
     // In developer mode the project key stands in for the secret.
     QCOMPARE(qs(sent[0].get_header_value("Authorization")),
              kutils::isDeveloperMode() ? u"Api-Key project+key"_s : u"Api-Key secret"_s);
-    QCOMPARE(qs(sent[1].get_header_value("Content-Type")), QStringLiteral("application/x-www-form-urlencoded"));
-    QCOMPARE(qs(sent[1].get_param_value("api_key")), QStringLiteral("project+key"));
-    const QJsonObject identification =
-        QJsonDocument::fromJson(QByteArray::fromStdString(sent[1].get_param_value("identification"))).object();
-    QCOMPARE(identification, (QJsonObject{{"user_id", "abc"}, {"device_id", uniqueId}}));
+    QCOMPARE(qs(sent[1].get_header_value("Content-Type")), u"application/x-www-form-urlencoded"_s);
+    QCOMPARE(qs(sent[1].get_param_value("api_key")), u"project+key"_s);
+    const QByteArray identification = QByteArray::fromStdString(sent[1].get_param_value("identification"));
+    QCOMPARE(QJsonDocument::fromJson(identification).object(),
+             (QJsonObject{{"user_id", "abc"}, {"device_id", uniqueId}}));
 }
 
 void EventTrackerTest::tricklingServerEndsWithinTheBound()
 {
-    AmplitudeApi api;
-    QCOMPARE(api.getUserProfile(u"trickle"_s), QVariantMap());
+    QCOMPARE(AmplitudeApi().getUserProfile(u"trickle"_s), QVariantMap());
 }
 
 void EventTrackerTest::nestedCallsBothComplete()
 {
-    QJsonObject nested = config;
-    nested["amplitudeProjectKey"] = "nested";
-    useConfiguration(dir.path(), nested);
+    config["amplitudeProjectKey"] = "nested";
+    useConfiguration(dir.path(), config);
+    config["amplitudeProjectKey"] = "project+key";
     identifyAnswer = "success";
     AmplitudeApi api;
     bool inner = false;
