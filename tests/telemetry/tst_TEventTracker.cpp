@@ -23,7 +23,7 @@ private slots:
     void trackSendsNothingWithoutKeyOrConsent();
     void emptyCollectorAddressFailsAtOnce();
     void twoNetworksEachSeeOnlyTheirReplies();
-    void errorBodyIsCutInTheLog();
+    void errorBodyIsLoggedAndConsumed();
     void getFeaturesSetsTheFlagsBeforeItReturns();
     void repairUserIdentity_data();
     void repairUserIdentity();
@@ -162,7 +162,7 @@ void EventTrackerTest::twoNetworksEachSeeOnlyTheirReplies()
     QVERIFY(!first.request(firstId));
 }
 
-void EventTrackerTest::errorBodyIsCutInTheLog()
+void EventTrackerTest::errorBodyIsLoggedAndConsumed()
 {
     static qsizetype loggedBody = -1;
     const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &text) {
@@ -174,6 +174,8 @@ void EventTrackerTest::errorBodyIsCutInTheLog()
     network.get(QUrl(collector->base() + "/error"), {}, {});
     QVERIFY(replies.wait());
     qInstallMessageHandler(previous);
+    // Qt 6.4 itself stops an error reply at 4 MiB, the log's own limit, so
+    // the 5 MiB sent cannot tell the two apart here.
     QCOMPARE(loggedBody, 4194304);
     auto *reply = replies.first().last().value<QNetworkReply *>();
     QVERIFY(reply->readAll().isEmpty()); // the log consumed it
