@@ -16,6 +16,7 @@ Rectangle {
     property var previews: []
     property string status: ""
     property bool playing: false
+    property alias telemetry: telemetryPanel
 
     color: "#23272d"
     implicitWidth: 300
@@ -109,6 +110,8 @@ Rectangle {
                 elide: Text.ElideRight
             }
         }
+
+        TelemetryPanel { id: telemetryPanel; Layout.fillWidth: true }
 
         Text {
             Layout.fillWidth: true
