@@ -16,6 +16,8 @@ Rectangle {
     property var previews: []
     property string status: ""
     property bool playing: false
+    property var demo: null
+    readonly property alias sequencePanel: sequencePanel
 
     color: "#23272d"
     implicitWidth: 300
@@ -109,6 +111,8 @@ Rectangle {
                 elide: Text.ElideRight
             }
         }
+
+        ImageSequencePanel { id: sequencePanel; Layout.fillWidth: true; demo: panel.demo }
 
         Text {
             Layout.fillWidth: true

@@ -114,6 +114,7 @@ private slots:
     void withoutAVideoASampleIsMadeOnceAndPreviewed();
     void unusableRequestsEndWithAReasonAndNoScreenshot_data();
     void unusableRequestsEndWithAReasonAndNoScreenshot();
+    void sequenceStepRoundTripsAnExrRangeWithOiiotool();
 
 private:
     DemoRun runDemo(const QStringList &arguments, const QString &mediaDir);
@@ -327,6 +328,19 @@ void tst_Demo::unusableRequestsEndWithAReasonAndNoScreenshot()
     QCOMPARE(run.exitCode, exitCode);
     QVERIFY2(run.output.contains(reason), qPrintable(run.output));
     QVERIFY(!QFile::exists(shot));
+}
+
+void tst_Demo::sequenceStepRoundTripsAnExrRangeWithOiiotool()
+{
+    // Exported at the playhead, converted to brighter-than-white EXR, found
+    // wide, normalised and stretched back until it is wide again.
+    const QString media = work.filePath(QStringLiteral("media-sequence"));
+    const DemoRun run = runDemo({QStringLiteral("--script"), QStringLiteral("seek 2000; sequence; quit"), clip}, media);
+    QVERIFY2(run.exitCode == 0, qPrintable(run.output));
+    QVERIFY2(run.output.contains(QStringLiteral("wide range: values above 1.0")), qPrintable(run.output));
+    QVERIFY2(run.output.contains(QStringLiteral("round trip done")), qPrintable(run.output));
+    QVERIFY(QFile::exists(media + QStringLiteral("/sequence/normalized/frame_000008.exr")));
+    QVERIFY(!QFile::exists(media + QStringLiteral("/sequence/normalized/tmp_stretch")));
 }
 
 QTEST_GUILESS_MAIN(tst_Demo)
