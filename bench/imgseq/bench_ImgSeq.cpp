@@ -44,10 +44,10 @@ Figure measure(int runs, const std::function<void()> &work)
     return {times[times.size() / 2], times.front(), times.back()};
 }
 
-void print(const char *what, long long tests, const Figure &figure, double reference)
+void print(const char *what, long long count, const char *unit, const Figure &figure, double reference)
 {
-    std::printf("%-34s %9lld tests %10.3f ms  [%.3f .. %.3f]  %8.4fx the listing\n", what, tests, figure.median,
-                figure.fastest, figure.slowest, figure.median / reference);
+    std::printf("%-32s %7lld %-10s %10.3f ms  [%.3f .. %.3f]  %8.4fx the listing\n", what, count, unit,
+                figure.median, figure.fastest, figure.slowest, figure.median / reference);
 }
 
 bool runCommand(const QString &command, QString *output = nullptr)
@@ -102,9 +102,10 @@ int main(int argc, char *argv[])
     const long long firstTests = tests;
     const int middle = frames / 2;
     const Figure fromMiddle = measure(5, [&] { probeFrom(middle); });
-    print("directory listing", listed, listing, listing.median);
-    print("progress probe from the first", firstTests, fromFirst, listing.median);
-    print(qPrintable(QStringLiteral("probe from frame %1").arg(middle)), tests, fromMiddle, listing.median);
+    print("directory listing", listed, "entries", listing, listing.median);
+    print("progress probe from the first", firstTests, "file tests", fromFirst, listing.median);
+    print(qPrintable(QStringLiteral("probe from frame %1").arg(middle)), tests, "file tests", fromMiddle,
+          listing.median);
 
     const QString exrFolder = work.filePath(QStringLiteral("exr"));
     QDir().mkpath(exrFolder);
