@@ -25,9 +25,10 @@ int paddingOf(const QString &run)
     return run.startsWith(QLatin1Char('0')) ? int(run.size()) : 1;
 }
 
-QString formatSpec(int padding)
+// "%01d" and "%d" name the same files; a lone "0" still reads as padded.
+QString formatSpec(bool padded, int digits)
 {
-    return padding > 1 ? QLatin1String("%0") + QString::number(padding) + QLatin1Char('d') : QStringLiteral("%d");
+    return padded ? QLatin1String("%0") + QString::number(digits) + QLatin1Char('d') : QStringLiteral("%d");
 }
 
 } // namespace
@@ -37,7 +38,9 @@ QString frameFormatOf(const QString &path)
     const QRegularExpressionMatch last = lastDigitRun(path);
     if (!last.hasMatch())
         return path;
-    return QString(path).replace(last.capturedStart(), last.capturedLength(), formatSpec(paddingOf(last.captured())));
+    const QString run = last.captured();
+    return QString(path).replace(last.capturedStart(), last.capturedLength(),
+                                 formatSpec(run.startsWith(QLatin1Char('0')), int(run.size())));
 }
 
 FramePattern FramePattern::fromFramePath(const QString &path)
@@ -81,7 +84,7 @@ QString FramePattern::frameName(qint64 frame) const
 
 QString FramePattern::formatString() const
 {
-    return prefix + formatSpec(padding) + suffix;
+    return prefix + formatSpec(padding > 1, padding) + suffix;
 }
 
 bool fileExistsOnDisk(const QString &path)
