@@ -7,8 +7,13 @@
 #include <QQuickItem>
 #include <QVariantMap>
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
+
+class PaneSlot;
 
 namespace os {
 class NativeSurface;
@@ -29,6 +34,15 @@ public:
     MPVPlayer &player();
     os::NativeSurface *surface() const;
     bool isInitialized() const;
+
+    // Players that drive this pane from their own threads hold it through a
+    // slot, which the pane releases before its teardown begins.
+    // When mpv queued the report being delivered now, in milliseconds of the
+    // steady clock; 0 before any. The frame lock dates positions by it.
+    double reportTime() const;
+
+    void addOwner(PaneSlot *slot);
+    void removeOwner(PaneSlot *slot);
 
 signals:
     void eventsAvailable();
@@ -89,4 +103,8 @@ private:
     double splitPanXFactor = 0.0;
     bool initialized = false;
     ConsoleLogger log;
+    std::atomic<qint64> wakeupNs{0};
+    double currentReportMs = 0;
+    std::mutex ownersMutex;
+    std::vector<PaneSlot *> owners;
 };
