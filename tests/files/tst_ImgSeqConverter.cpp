@@ -19,7 +19,8 @@ private slots:
     void closingInsideItsOwnSignalIsSafe();
     void normalisesAndStretchesBack_data();
     void normalisesAndStretchesBack();
-    void failingStretchKeepsTheSources();
+    void aBrokenFrameStopsTheWork_data();
+    void aBrokenFrameStopsTheWork();
     void tellsWideRangeFromColourOnly_data();
     void tellsWideRangeFromColourOnly();
 
@@ -236,21 +237,42 @@ void tst_ImgSeqConverter::normalisesAndStretchesBack()
     }
 }
 
-void tst_ImgSeqConverter::failingStretchKeepsTheSources()
+void tst_ImgSeqConverter::aBrokenFrameStopsTheWork_data()
 {
+    QTest::addColumn<bool>("stretch");
+    QTest::newRow("a stretch keeps the sources") << true;
+    // The broken frame hides the maximum of the frame after it.
+    QTest::newRow("no normalisation from a partial maximum") << false;
+}
+
+void tst_ImgSeqConverter::aBrokenFrameStopsTheWork()
+{
+    QFETCH(bool, stretch);
+
     QTemporaryDir dir;
-    makeExrFrames(dir.path(), {"0.5,0.5,0.5,1", "0.5,0.5,0.5,1", "0.5,0.5,0.5,1"}, QStringLiteral("R,G,B,A"));
+    makeExrFrames(dir.path(), {"0.5,0.5,0.5,1", "0.5,0.5,0.5,1", "3,0.5,0.5,1"}, QStringLiteral("R,G,B,A"));
     const QString first = dir.filePath(QStringLiteral("frame_000001.exr"));
-    QVERIFY(writeFile(dir.filePath(QStringLiteral("frame_000002.exr")), "broken frame"));
+    const QString broken = dir.filePath(QStringLiteral("frame_000002.exr"));
+    QVERIFY(writeFile(broken, "broken frame"));
     const QByteArray before = readFileBytes(first);
 
     ImgSeqConverter converter;
-    QSignalSpy ended(&converter, &ImgSeqConverter::subprocessCompleted);
-    converter.stretchExr(first, 0.0, 2.0);
+    QSignalSpy ended(&converter, stretch ? &ImgSeqConverter::subprocessCompleted
+                                         : &ImgSeqConverter::processForcedClose);
+    LogCapture log;
+    if (stretch)
+        converter.stretchExr(first, 0.0, 2.0);
+    else
+        converter.normalizeExr(first, dir.filePath(QStringLiteral("norm/frame_000001.exr")));
     QVERIFY(ended.wait(60000));
     QCOMPARE(readFileBytes(first), before);
-    QCOMPARE(readFileBytes(dir.filePath(QStringLiteral("frame_000002.exr"))), QByteArray("broken frame"));
-    QVERIFY(QFileInfo::exists(dir.filePath(QStringLiteral("tmp_stretch"))));
+    QCOMPARE(readFileBytes(broken), QByteArray("broken frame"));
+    if (stretch) {
+        QVERIFY(QFileInfo::exists(dir.filePath(QStringLiteral("tmp_stretch"))));
+    } else {
+        QVERIFY(log.contains(QStringLiteral("[SequenceMax] process error on ") + broken));
+        QVERIFY(!log.contains(QStringLiteral("[Normalize] Starting")));
+    }
 }
 
 void tst_ImgSeqConverter::tellsWideRangeFromColourOnly_data()
