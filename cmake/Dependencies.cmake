@@ -32,3 +32,13 @@ target_link_libraries(kutils_opencv INTERFACE ${OPENCV_IMGPROC_LIBRARY} ${OPENCV
 find_program(XVFB_PROGRAM Xvfb)
 find_program(FFMPEG_PROGRAM ffmpeg)
 find_program(OIIOTOOL_PROGRAM oiiotool)
+
+# The product runs oiiotool from the application's folder: every test, bench
+# and demo executable gets a link to the one found beside it.
+function(kutils_place_oiiotool target)
+  if(OIIOTOOL_PROGRAM)
+    add_custom_command(TARGET ${target} POST_BUILD
+      COMMAND ${CMAKE_COMMAND} -E create_symlink ${OIIOTOOL_PROGRAM} $<TARGET_FILE_DIR:${target}>/oiiotool
+      VERBATIM)
+  endif()
+endfunction()

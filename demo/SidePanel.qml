@@ -17,6 +17,8 @@ Rectangle {
     property string status: ""
     property bool playing: false
     property alias telemetry: telemetryPanel
+    property var demo: null
+    readonly property alias sequencePanel: sequencePanel
 
     color: "#23272d"
     implicitWidth: 300
@@ -112,6 +114,7 @@ Rectangle {
         }
 
         TelemetryPanel { id: telemetryPanel; Layout.fillWidth: true }
+        ImageSequencePanel { id: sequencePanel; Layout.fillWidth: true; demo: panel.demo }
 
         Text {
             Layout.fillWidth: true

@@ -2,6 +2,7 @@
 
 #include "aiutils/kzutils.h"
 #include "files/FileManagerLogging.h"
+#include "files/FrameRange.h"
 #include "files/ZipExtractor.h"
 #include "os/AppRegistry.h"
 #include "os/CompanionApp.h"
@@ -216,18 +217,7 @@ QString TFileManager::findApp(QString appName)
 
 QString TFileManager::makeFormatString(QString path)
 {
-    static const QRegularExpression digits(QStringLiteral("[0-9]+"));
-    QRegularExpressionMatch last;
-    for (auto it = digits.globalMatch(path); it.hasNext();)
-        last = it.next();
-    if (!last.hasMatch())
-        return path;
-    const QString number = last.captured();
-    // Only a leading zero tells a padded number: "1200" could be either.
-    const QString pattern = number.startsWith(QLatin1Char('0'))
-        ? QLatin1String("%0") + QString::number(number.size()) + QLatin1Char('d')
-        : QStringLiteral("%d");
-    return path.replace(last.capturedStart(), last.capturedLength(), pattern);
+    return frameFormatOf(path);
 }
 
 QString TFileManager::getPaddedFrameNumber(int padding, int frameNumber)

@@ -116,6 +116,7 @@ private slots:
     void unusableRequestsEndWithAReasonAndNoScreenshot_data();
     void unusableRequestsEndWithAReasonAndNoScreenshot();
     void serviceStepsReachTheLocalStandIn();
+    void sequenceStepRoundTripsAnExrRangeWithOiiotool();
 
 private:
     DemoRun runDemo(const QStringList &arguments, const QString &mediaDir);
@@ -354,6 +355,20 @@ void tst_Demo::serviceStepsReachTheLocalStandIn()
     QCOMPARE(QFileInfo(work.filePath(QStringLiteral("setup-2.0.0.msi"))).size(), 4 << 20);
     const QString served = QString::fromUtf8(standin.readAll());
     QVERIFY2(served.contains(QStringLiteral("event \"demo-started\" from demo-device")), qPrintable(served));
+}
+
+void tst_Demo::sequenceStepRoundTripsAnExrRangeWithOiiotool()
+{
+    // Exported at the playhead (the clip's start: black, then the bars),
+    // converted to brighter-than-white EXR, found wide, normalised and
+    // stretched back until it is wide again.
+    const QString media = work.filePath(QStringLiteral("media-sequence"));
+    const DemoRun run = runDemo({QStringLiteral("--script"), QStringLiteral("sequence; quit"), clip}, media);
+    QVERIFY2(run.exitCode == 0, qPrintable(run.output));
+    QVERIFY2(run.output.contains(QStringLiteral("wide range: values above 1.0")), qPrintable(run.output));
+    QVERIFY2(run.output.contains(QStringLiteral("round trip done")), qPrintable(run.output));
+    QVERIFY(QFile::exists(media + QStringLiteral("/sequence/normalized/frame_000008.exr")));
+    QVERIFY(!QFile::exists(media + QStringLiteral("/sequence/normalized/tmp_stretch")));
 }
 
 QTEST_GUILESS_MAIN(tst_Demo)
