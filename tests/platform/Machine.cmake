@@ -1,0 +1,1 @@
+kutils_add_test(tst_ModelManager SOURCES ${CMAKE_CURRENT_LIST_DIR}/tst_ModelManager.cpp LIBS kutils_platform)
