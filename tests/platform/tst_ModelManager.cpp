@@ -1,3 +1,5 @@
+#include "aiengine/DeviceSelector.h"
+#include "aiengine/ModelBackendFactory.h"
 #include "aiengine/ModelManager.h"
 
 #include <QDir>
@@ -7,7 +9,12 @@
 
 #include <thread>
 
+using aiengine::DeviceSelector;
+using aiengine::ModelBackendFactory;
 using aiengine::ModelManager;
+
+Q_DECLARE_METATYPE(std::set<std::string>)
+Q_DECLARE_METATYPE(std::vector<aiutils::DeviceInfo>)
 
 class tst_ModelManager : public QObject
 {
@@ -21,6 +28,10 @@ private slots:
     void computeFilename();
     void modelFileExists_data();
     void modelFileExists();
+    void preferredDevice_data();
+    void preferredDevice();
+    void preferredBackend_data();
+    void preferredBackend();
 
 private:
     QTemporaryDir m_dir;
@@ -138,6 +149,61 @@ void tst_ModelManager::modelFileExists()
     ModelManager manager("shortName", true, checkContent, "/", {});
     manager.setModelDirPath(KUTILS_SOURCE_DIR "/demo/models", data.path());
     QCOMPARE(manager.modelFileExists(manager.getModelInfo("upscale-2"), name.toStdString()), expected);
+}
+
+void tst_ModelManager::preferredDevice_data()
+{
+    QTest::addColumn<std::vector<aiutils::DeviceInfo>>("gpus");
+    QTest::addColumn<int>("expected");
+    const aiutils::DeviceInfo intel{"Intel", 0.0, -1, 0}, amd{"AMD", 16.0, -1, 0}, nvidia{"NVIDIA", 8.0, 0, 86},
+        bigNvidia{"NVIDIA", 24.0, 1, 89};
+    QTest::newRow("none: the CPU") << std::vector<aiutils::DeviceInfo>{} << -1;
+    QTest::newRow("most memory") << std::vector{intel, amd} << 1;
+    QTest::newRow("CUDA before memory") << std::vector{amd, nvidia} << 1;
+    QTest::newRow("biggest CUDA") << std::vector{nvidia, bigNvidia, amd} << 1;
+    QTest::newRow("first of equals") << std::vector{intel, intel} << 0;
+}
+
+void tst_ModelManager::preferredDevice()
+{
+    QFETCH(std::vector<aiutils::DeviceInfo>, gpus);
+    QFETCH(int, expected);
+    QCOMPARE(DeviceSelector(gpus, false, 12).preferredDevice(), expected);
+}
+
+void tst_ModelManager::preferredBackend_data()
+{
+    QTest::addColumn<bool>("apple");
+    QTest::addColumn<int>("device");
+    QTest::addColumn<std::set<std::string>>("offered");
+    QTest::addColumn<float>("minVersion");
+    QTest::addColumn<QString>("expected");
+    QTest::addColumn<int>("capability");
+    const std::set<std::string> all{"cpu", "cuda", "vulkan", "coreml"};
+    QTest::newRow("CPU") << false << -1 << all << 10.15f << "cpu" << 0;
+    QTest::newRow("CUDA GPU") << false << 0 << all << 10.15f << "cuda" << 86;
+    QTest::newRow("other GPU") << false << 1 << all << 10.15f << "vulkan" << 0;
+    QTest::newRow("GPU, only CPU offered") << false << 1 << std::set<std::string>{"cpu"} << 10.15f << "cpu" << 0;
+    QTest::newRow("nothing offered") << false << 0 << std::set<std::string>{"odd"} << 10.15f << "none" << 86;
+    QTest::newRow("past the end") << false << 2 << all << 10.15f << "none" << 0;
+    QTest::newRow("below the CPU") << false << -2 << all << 10.15f << "none" << 0;
+    QTest::newRow("Apple") << true << 1 << all << 10.15f << "coreml" << 0;
+    QTest::newRow("Apple, system too old") << true << 1 << all << 13.0f << "vulkan" << 0;
+}
+
+void tst_ModelManager::preferredBackend()
+{
+    QFETCH(bool, apple);
+    QFETCH(int, device);
+    QFETCH(std::set<std::string>, offered);
+    QFETCH(float, minVersion);
+    QFETCH(QString, expected);
+    QFETCH(int, capability);
+    const DeviceSelector selector({{"NVIDIA", 8.0, 0, 86}, {"AMD", 16.0, -1, 0}}, apple, 12.0f);
+    const int code = selector.preferredBackend(device, offered, minVersion);
+    QCOMPARE(QString::fromStdString(ModelBackendFactory::MBNameFor(code)), expected);
+    QCOMPARE(ModelBackendFactory::MBCodeFor(ModelBackendFactory::MBNameFor(code)), code);
+    QCOMPARE(selector.deviceCapability(device), capability);
 }
 
 QTEST_GUILESS_MAIN(tst_ModelManager)
