@@ -2,6 +2,7 @@
 
 #include "aiutils/Logger.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -124,14 +125,43 @@ nlohmann::json ModelManager::readCatalogue(const QString &modelDir)
     return parsed;
 }
 
+std::pair<qint64, qint64> ModelManager::catalogueStamp(const QString &modelDir)
+{
+    const QFileInfo info(modelDir + QLatin1Char('/') + catalogueName);
+    return info.exists() ? std::pair{info.lastModified().toMSecsSinceEpoch(), info.size()} : std::pair{-1LL, -1LL};
+}
+
 void ModelManager::setModelDirPath(const QString &modelDir, const QString &dataDir)
 {
     // Read before locking: a slow disk must not hold up the downloaders' copies.
+    const auto stamp = catalogueStamp(modelDir);
     nlohmann::json catalogue = readCatalogue(modelDir);
     const std::lock_guard lock(m_mutex);
     m_state.modelDir = modelDir;
     m_state.dataDir = dataDir;
     m_state.catalogue = std::move(catalogue);
+    m_state.catalogueStamp = stamp;
+}
+
+void ModelManager::refreshCatalogue() const
+{
+    QString modelDir;
+    std::pair<qint64, qint64> known;
+    {
+        const std::lock_guard lock(m_mutex);
+        modelDir = m_state.modelDir;
+        known = m_state.catalogueStamp;
+    }
+    const auto stamp = catalogueStamp(modelDir);
+    if (modelDir.isEmpty() || stamp == known)
+        return;
+    nlohmann::json catalogue = readCatalogue(modelDir);
+    const std::lock_guard lock(m_mutex);
+    // The folders may have moved meanwhile; that move read its own catalogue.
+    if (m_state.modelDir == modelDir) {
+        m_state.catalogue = std::move(catalogue);
+        m_state.catalogueStamp = stamp;
+    }
 }
 
 QString ModelManager::getModelDirPath() const
@@ -154,6 +184,7 @@ QString ModelManager::fileUrl(const QString &fileName) const
 
 std::map<std::string, std::string> ModelManager::getModelInfo() const
 {
+    refreshCatalogue();
     std::map<std::string, std::string> texts;
     const std::lock_guard lock(m_mutex);
     for (const auto &[id, record] : m_state.catalogue.items())
@@ -163,12 +194,14 @@ std::map<std::string, std::string> ModelManager::getModelInfo() const
 
 nlohmann::json ModelManager::getModelInfo(AllModels) const
 {
+    refreshCatalogue();
     const std::lock_guard lock(m_mutex);
     return m_state.catalogue;
 }
 
 nlohmann::json ModelManager::getModelInfo(const std::string &modelId) const
 {
+    refreshCatalogue();
     const std::lock_guard lock(m_mutex);
     const auto found = m_state.catalogue.find(modelId);
     return found == m_state.catalogue.end() ? nlohmann::json() : *found;

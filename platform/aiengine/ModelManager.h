@@ -54,7 +54,8 @@ public:
     // Where `GetInstance` takes folders when it has to make the instance itself.
     static void setFolderSource(std::function<Folders()> source);
 
-    // Moves both folders and reads the catalogue from `modelDir`.
+    // Moves both folders and reads the catalogue from `modelDir`. The catalogue
+    // is read again when the file changes (an update installs a new one).
     void setModelDirPath(const QString &modelDir, const QString &dataDir);
     QString getModelDirPath() const;
     QString getLocalDirPath() const;
@@ -84,13 +85,18 @@ private:
         QString modelDir;
         QString dataDir;
         nlohmann::json catalogue = nlohmann::json::object();
+        std::pair<qint64, qint64> catalogueStamp{-1, -1}; // modification time and size
     };
 
     static nlohmann::json readCatalogue(const QString &modelDir);
+    static std::pair<qint64, qint64> catalogueStamp(const QString &modelDir);
+    // Brings the cached catalogue up to date with its file.
+    void refreshCatalogue() const;
     State snapshot() const;
 
     mutable std::mutex m_mutex;
-    State m_state;
+    // The catalogue in it is a cache of the file: const readers refresh it.
+    mutable State m_state;
 };
 
 } // namespace aiengine

@@ -64,12 +64,18 @@ void tst_ModelManager::readsTheExampleCatalogue()
     QCOMPARE(manager.getModelInfo("upscale-3")["version"].get<std::string>(), "3");
     QVERIFY(manager.getModelInfo("nothing-1").is_null());
 
-    // A folder without a catalogue, or with a broken one, has no models.
-    QFile broken(m_dir.filePath(ModelManager::catalogueName));
-    QVERIFY(broken.open(QIODevice::WriteOnly));
-    broken.write("[1, 2");
-    broken.close();
+    // A folder without a catalogue has no models until one is installed;
+    // a broken one has none either.
     manager.setModelDirPath(m_dir.path(), m_dir.path());
+    QVERIFY(manager.getModelInfo().empty());
+    QFile catalogue(m_dir.filePath(ModelManager::catalogueName));
+    QVERIFY(catalogue.open(QIODevice::WriteOnly));
+    catalogue.write(R"({"one-1": {"shortName": "one"}})");
+    catalogue.close();
+    QCOMPARE(manager.getModelInfo().size(), 1u);
+    QVERIFY(catalogue.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    catalogue.write("[1, 2");
+    catalogue.close();
     QVERIFY(manager.getModelInfo().empty());
 }
 
