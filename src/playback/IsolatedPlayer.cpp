@@ -20,7 +20,9 @@ IsolatedPlayer::IsolatedPlayer(QObject *parent)
 
 std::vector<MPVObject *> IsolatedPlayer::getMPVObjects() const
 {
-    return mpvItems;
+    if (const MPVObject *held = mpv.held())
+        return {const_cast<MPVObject *>(held)};
+    return {};
 }
 
 qlonglong IsolatedPlayer::getInputTimestamp()
@@ -30,13 +32,12 @@ qlonglong IsolatedPlayer::getInputTimestamp()
 
 void IsolatedPlayer::setMPVObjects(const std::vector<MPVObject *> &mpvObjects)
 {
-    mpvItems = mpvObjects;
     int id = kFirstMPVID;
     for (MPVObject *item : mpvObjects) {
         if (!item)
             continue;
         // The scene owns the item; the last one given is the pane.
-        mpv = std::shared_ptr<MPVObject>(item, [](MPVObject *) {});
+        mpv.attach(item);
         item->setMPVID(id++);
         connect(item, &MPVObject::timePosFullChanged, this, &IsolatedPlayer::mpvTimelineSync);
     }
@@ -44,16 +45,14 @@ void IsolatedPlayer::setMPVObjects(const std::vector<MPVObject *> &mpvObjects)
 
 void IsolatedPlayer::play()
 {
-    if (mpv)
-        mpv->play();
+    mpv.use([](MPVObject &pane) { pane.play(); });
     isPlaying = true;
     emit isPlayingChanged();
 }
 
 void IsolatedPlayer::pause()
 {
-    if (mpv)
-        mpv->pause();
+    mpv.use([](MPVObject &pane) { pane.pause(); });
     isPlaying = false;
     emit isPlayingChanged();
 }
@@ -62,8 +61,7 @@ void IsolatedPlayer::seek(TSType requestedTimestamp, bool, bool)
 {
     // A seek always leaves the clip paused; only the loop at its end resumes.
     pause();
-    if (mpv)
-        mpv->seek(requestedTimestamp);
+    mpv.use([requestedTimestamp](MPVObject &pane) { pane.seek(requestedTimestamp); });
     inputTimestamp = requestedTimestamp;
     emit inputTimestampChanged();
 }
@@ -140,8 +138,7 @@ void IsolatedPlayer::addInput(UID uid, TSType timestamp, QString filepath, TSTyp
         inOutRange = video->range();
         applyImageSequenceRate(false);
     }
-    if (mpv)
-        mpv->load(filepath, 0);
+    mpv.use([&filepath](MPVObject &pane) { pane.load(filepath, 0); });
     seek(timestamp, true);
 }
 
@@ -152,12 +149,12 @@ void IsolatedPlayer::applyImageSequenceRate(bool reload)
     const double fps = inputInfo.value(QStringLiteral("fps")).toDouble();
     const QString command = QStringLiteral("set mf-fps ") + QString::asprintf("%f", fps);
     log.log(QStringLiteral("[isolated player] applied fps to imseq; ") + QString::asprintf("%f", fps));
-    if (!mpv)
-        return;
-    mpv->executeCommand(command, false);
-    mpv->setFramerate(static_cast<float>(fps));
-    if (reload && video)
-        mpv->load(video->filepath, inputTimestamp);
+    mpv.use([&](MPVObject &pane) {
+        pane.executeCommand(command, false);
+        pane.setFramerate(static_cast<float>(fps));
+        if (reload && video)
+            pane.load(video->filepath, inputTimestamp);
+    });
 }
 
 void IsolatedPlayer::mpvTimelineSync(int, qlonglong timePos, bool isEOF)
@@ -187,8 +184,7 @@ void IsolatedPlayer::mpvTimelineSync(int, qlonglong timePos, bool isEOF)
 
 void IsolatedPlayer::closePlayer()
 {
-    if (mpv)
-        mpv->load(QString(), 0);
+    mpv.use([](MPVObject &pane) { pane.load(QString(), 0); });
     isPlaying = false;
     emit isPlayingChanged();
 }

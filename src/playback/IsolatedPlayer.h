@@ -1,6 +1,7 @@
 #pragma once
 
 #include "playback/MPVObject.h"
+#include "playback/PaneSlot.h"
 #include "playback/VideoPlayerContext.h"
 #include "timeline/ConsoleLogger.h"
 #include "timeline/Video.h"
@@ -48,7 +49,7 @@ private:
     void applyImageSequenceRate(bool reload);
     QPoint frames() const;
 
-    std::shared_ptr<MPVObject> mpv;
+    PaneSlot mpv;
     std::atomic<bool> trimOn{false};
     QPoint inOutRange{-1, -1};
     std::mutex mutex;
@@ -56,6 +57,5 @@ private:
     qint64 lastPosition = 0;
     std::shared_ptr<Video> video;
     QVariantMap inputInfo;
-    std::vector<MPVObject *> mpvItems;
     ConsoleLogger log;
 };

@@ -1,6 +1,7 @@
 #include "playback/MPVObject.h"
 
 #include "os/NativeSurface.h"
+#include "playback/PaneSlot.h"
 
 #include <QQuickWindow>
 
@@ -10,6 +11,22 @@
 #include <stdexcept>
 
 namespace {
+
+// The playlist entry that a "loadfile" reply names, -1 when it names none.
+qint64 playlistEntryOf(const mpv_event *event)
+{
+    if (event->error < 0)
+        return -1;
+    const mpv_node &result = static_cast<const mpv_event_command *>(event->data)->result;
+    if (result.format != MPV_FORMAT_NODE_MAP)
+        return -1;
+    const mpv_node_list *map = result.u.list;
+    for (int i = 0; i < map->num; ++i) {
+        if (std::string_view(map->keys[i]) == "playlist_entry_id" && map->values[i].format == MPV_FORMAT_INT64)
+            return map->values[i].u.int64;
+    }
+    return -1;
+}
 
 bool isImageSequencePath(const std::string &path)
 {
@@ -33,6 +50,14 @@ MPVObject::MPVObject(QQuickItem *parent)
 
 MPVObject::~MPVObject()
 {
+    // First of all: no player may reach the pane once its teardown has begun.
+    // Each slot's lock waits for a call under way to end.
+    {
+        const std::lock_guard lock(ownersMutex);
+        for (PaneSlot *slot : owners)
+            slot->release();
+        owners.clear();
+    }
     // QQuickItem's own destructor still reports the window going away; by then
     // this object is no longer an MPVObject.
     disconnect(this, &QQuickItem::windowChanged, this, &MPVObject::setup);
@@ -51,6 +76,18 @@ MPVObject::~MPVObject()
     // The window goes first, then the members, and the mpv context last (it is
     // the first member, so it is destroyed after all the others).
     container.reset();
+}
+
+void MPVObject::addOwner(PaneSlot *slot)
+{
+    const std::lock_guard lock(ownersMutex);
+    owners.push_back(slot);
+}
+
+void MPVObject::removeOwner(PaneSlot *slot)
+{
+    const std::lock_guard lock(ownersMutex);
+    std::erase(owners, slot);
 }
 
 MPVPlayer &MPVObject::player()
@@ -148,11 +185,28 @@ void MPVObject::checkEvents()
         const mpv_event *event = mpv_wait_event(handle, 0);
         if (event->event_id == MPV_EVENT_NONE)
             break;
-        if (event->event_id == MPV_EVENT_FILE_LOADED) {
+        switch (event->event_id) {
+        case MPV_EVENT_COMMAND_REPLY:
+            if (event->reply_userdata != 0)
+                mpvPlayer.loadReplied(event->reply_userdata, playlistEntryOf(event));
+            continue;
+        case MPV_EVENT_START_FILE:
+            mpvPlayer.fileStarted(static_cast<const mpv_event_start_file *>(event->data)->playlist_entry_id);
+            continue;
+        case MPV_EVENT_END_FILE: {
+            const auto *ended = static_cast<const mpv_event_end_file *>(event->data);
+            mpvPlayer.fileEnded(ended->playlist_entry_id, ended->reason == MPV_END_FILE_REASON_ERROR);
+            continue;
+        }
+        case MPV_EVENT_FILE_LOADED:
             log.log(QStringLiteral("File Loaded successfully:")
                     + QString::fromStdString(mpvPlayer.getPropertyString(QStringLiteral("path"))));
+            // A seek held during the load goes out before anyone hears of it.
+            mpvPlayer.fileLoaded();
             emit fileLoaded(mpvID);
             continue;
+        default:
+            break;
         }
         if (event->event_id != MPV_EVENT_PROPERTY_CHANGE)
             continue;

@@ -8,7 +8,11 @@
 #include <QVariantMap>
 
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
+
+class PaneSlot;
 
 namespace os {
 class NativeSurface;
@@ -29,6 +33,11 @@ public:
     MPVPlayer &player();
     os::NativeSurface *surface() const;
     bool isInitialized() const;
+
+    // Players that drive this pane from their own threads hold it through a
+    // slot, which the pane releases before its teardown begins.
+    void addOwner(PaneSlot *slot);
+    void removeOwner(PaneSlot *slot);
 
 signals:
     void eventsAvailable();
@@ -89,4 +98,6 @@ private:
     double splitPanXFactor = 0.0;
     bool initialized = false;
     ConsoleLogger log;
+    std::mutex ownersMutex;
+    std::vector<PaneSlot *> owners;
 };

@@ -48,6 +48,11 @@ MPVPlayer::MPVPlayer()
     }
     setOption("terminal", "yes");
     setOption("msg-level", "all=error");
+    // Hardware-decoder probing reports every API the machine lacks (CUDA,
+    // VA-API) as an error at each load; those modules go quiet, while the
+    // decoders' and demuxers' own errors still show.
+    setOption("msg-level", "all=error,ffmpeg=fatal,ffmpeg/video=error,ffmpeg/audio=error,ffmpeg/demuxer=error,"
+                           "vaapi=fatal,vdpau=fatal,cuda=fatal");
     setOption("hwdec", "auto-safe");
     setOption("osd-level", "0");
     setOption("framedrop", "decoder");
@@ -115,6 +120,8 @@ void MPVPlayer::initialize(qint64 wid)
     setOption("vo", "gpu-next");
     if (mpv_initialize(mpv.get()) < 0)
         throw std::runtime_error("could not initialize mpv context");
+    const std::lock_guard lock(stateMutex);
+    running = true;
 }
 
 bool MPVPlayer::loadfileTakesIndex()
@@ -124,7 +131,7 @@ bool MPVPlayer::loadfileTakesIndex()
     return mpv_client_api_version() >= MPV_MAKE_VERSION(2, 3);
 }
 
-void MPVPlayer::command(const std::vector<std::string> &args, bool async)
+void MPVPlayer::command(const std::vector<std::string> &args, bool async, quint64 replyId)
 {
     if (observer) {
         QStringList words;
@@ -140,7 +147,7 @@ void MPVPlayer::command(const std::vector<std::string> &args, bool async)
         argv.push_back(arg.c_str());
     argv.push_back(nullptr);
     if (async)
-        mpv_command_async(mpv.get(), 0, argv.data());
+        mpv_command_async(mpv.get(), replyId, argv.data());
     else
         mpv_command(mpv.get(), argv.data());
 }
@@ -156,6 +163,18 @@ void MPVPlayer::pause()
 }
 
 void MPVPlayer::seek(qint64 milliseconds)
+{
+    {
+        const std::lock_guard lock(stateMutex);
+        if (loadInFlight) {
+            pendingSeek = milliseconds;
+            return;
+        }
+    }
+    sendSeek(milliseconds);
+}
+
+void MPVPlayer::sendSeek(qint64 milliseconds)
 {
     if (seekByFrame) {
         const qint64 frame = syncmath::seekFrame(milliseconds, framerate);
@@ -179,10 +198,18 @@ void MPVPlayer::stepBackward()
 void MPVPlayer::load(const std::string &path, qint64 seekPosAfterLoaded, bool isImageSequence)
 {
     const std::string start = "start=+" + formatDouble(syncmath::loadSeconds(seekPosAfterLoaded));
+    quint64 replyId = 0;
     {
         const std::lock_guard lock(stateMutex);
         loadSeekPosition = seekPosAfterLoaded;
         filepath = path;
+        // A core that is not running loads nothing, so nothing is held for it.
+        if (running) {
+            loadInFlight = true;
+            replyId = ++latestLoadReply;
+            latestLoadEntry = -1;
+            pendingSeek.reset();
+        }
     }
     std::string target = path;
     if (isImageSequence) {
@@ -194,9 +221,66 @@ void MPVPlayer::load(const std::string &path, qint64 seekPosAfterLoaded, bool is
         }
     }
     if (loadfileTakesIndex())
-        command({"loadfile", target, "replace", "-1", start});
+        command({"loadfile", target, "replace", "-1", start}, true, replyId);
     else
-        command({"loadfile", target, "replace", start});
+        command({"loadfile", target, "replace", start}, true, replyId);
+}
+
+void MPVPlayer::loadReplied(quint64 replyId, qint64 playlistEntryId)
+{
+    const std::lock_guard lock(stateMutex);
+    if (replyId == latestLoadReply)
+        latestLoadEntry = playlistEntryId;
+}
+
+void MPVPlayer::fileStarted(qint64 playlistEntryId)
+{
+    const std::lock_guard lock(stateMutex);
+    startedEntry = playlistEntryId;
+}
+
+bool MPVPlayer::fileLoaded()
+{
+    std::optional<qint64> target;
+    {
+        const std::lock_guard lock(stateMutex);
+        // A load that a later one superseded may still finish first; its file
+        // must not take the held seek. Without an entry id from mpv the load
+        // counts as the latest.
+        if (!loadInFlight || (latestLoadEntry >= 0 && startedEntry != latestLoadEntry))
+            return !loadInFlight;
+        loadInFlight = false;
+        // The load already started where the held seek points.
+        if (pendingSeek && *pendingSeek != loadSeekPosition)
+            target = pendingSeek;
+        pendingSeek.reset();
+    }
+    if (target)
+        sendSeek(*target);
+    return true;
+}
+
+void MPVPlayer::fileEnded(qint64 playlistEntryId, bool failed)
+{
+    const std::lock_guard lock(stateMutex);
+    if (!failed || !loadInFlight || playlistEntryId != latestLoadEntry)
+        return;
+    // The latest load failed: nothing will load, so seeks go out as they come.
+    loadInFlight = false;
+    pendingSeek.reset();
+    log.log(QStringLiteral("load failed; a held seek is dropped"), ConsoleLogger::Warn);
+}
+
+bool MPVPlayer::isLoading() const
+{
+    const std::lock_guard lock(stateMutex);
+    return loadInFlight;
+}
+
+std::optional<qint64> MPVPlayer::heldSeek() const
+{
+    const std::lock_guard lock(stateMutex);
+    return pendingSeek;
 }
 
 void MPVPlayer::movePan(double x, double y)

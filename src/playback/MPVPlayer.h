@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,18 @@ public:
     std::string getCurrentPlayingVideoPath() const;
     qint64 getLoadSeekPosition() const;
 
+    // Seeks asked for while a load is in flight would reach a core that has no
+    // file yet and be lost, and the load's own start would win. They are held,
+    // the newest replacing the older, and sent once the core reports that the
+    // file of the latest load has loaded. These follow mpv's events for that.
+    void loadReplied(quint64 replyId, qint64 playlistEntryId);
+    void fileStarted(qint64 playlistEntryId);
+    // True when the file just loaded is the latest one asked for.
+    bool fileLoaded();
+    void fileEnded(qint64 playlistEntryId, bool failed);
+    bool isLoading() const;
+    std::optional<qint64> heldSeek() const;
+
     // Split at every blank, empty parts kept; no quoting.
     void executeCommand(const QString &command, bool async);
 
@@ -77,7 +90,8 @@ public:
     static bool loadfileTakesIndex();
 
 private:
-    void command(const std::vector<std::string> &args, bool async = true);
+    void command(const std::vector<std::string> &args, bool async = true, quint64 replyId = 0);
+    void sendSeek(qint64 milliseconds);
     void setOption(const char *name, const char *value);
     void setFlagOption(const char *name, int value);
 
@@ -92,6 +106,14 @@ private:
     std::string filepath;
     qint64 loadSeekPosition = 0;
     QRect currentCrop;
+    // The latest load: its reply id, the playlist entry mpv gave it (-1 until
+    // the reply), the entry mpv is loading now, and the seek held for it.
+    bool running = false;
+    bool loadInFlight = false;
+    quint64 latestLoadReply = 0;
+    qint64 latestLoadEntry = -1;
+    qint64 startedEntry = -1;
+    std::optional<qint64> pendingSeek;
     std::atomic<bool> seekByFrame{false};
     std::atomic<bool> hdrHint{false};
     std::atomic<float> framerate{0.0f};

@@ -200,10 +200,10 @@ ViewNode *VideoPlayer::node(int viewID) const
     return views.value(viewID);
 }
 
-MPVObject *VideoPlayer::pane(int viewID) const
+bool VideoPlayer::usePane(int viewID, const std::function<void(MPVObject &)> &use) const
 {
-    ViewNode *n = node(viewID);
-    return n ? n->mpv.get() : nullptr;
+    const ViewNode *n = node(viewID);
+    return n && n->mpv.use(use);
 }
 
 std::shared_ptr<Video> VideoPlayer::input() const
@@ -268,18 +268,23 @@ VideoPlayer::Order VideoPlayer::orderAt(ViewNode *n, TSType t)
 
 std::vector<MPVObject *> VideoPlayer::getMPVObjects() const
 {
-    return mpvItems;
+    // The panes still alive: a pane the scene destroyed has left its node.
+    std::vector<MPVObject *> panes;
+    for (const ViewNode *n : {leftNode.get(), rightNode.get()}) {
+        if (const MPVObject *held = n->mpv.held())
+            panes.push_back(const_cast<MPVObject *>(held));
+    }
+    return panes;
 }
 
 void VideoPlayer::setMPVObjects(const std::vector<MPVObject *> &mpvObjects)
 {
-    mpvItems = mpvObjects;
     for (int i = 0; i < static_cast<int>(mpvObjects.size()) && i < 2; ++i) {
         MPVObject *item = mpvObjects[static_cast<size_t>(i)];
         if (!item)
             continue;
         // The scene owns its items; the nodes only share the use of them.
-        node(i)->mpv = std::shared_ptr<MPVObject>(item, [](MPVObject *) {});
+        node(i)->mpv.attach(item);
         item->setMPVID(i);
         blackAndWhiteSet[static_cast<size_t>(i)] = false;
         connect(item, &MPVObject::timePosFullChanged, this, &VideoPlayer::mpvTimelineSync);
@@ -646,9 +651,14 @@ void VideoPlayer::handleAddInput(const QVariantMap &request)
 
 void VideoPlayer::applyFilters(int viewID, const QVariantMap &info, bool reapply)
 {
-    MPVObject *p = pane(viewID);
-    if (!p || !isPane(viewID))
+    if (!isPane(viewID))
         return;
+    usePane(viewID, [&](MPVObject &pane) { applyFiltersTo(pane, viewID, info, reapply); });
+}
+
+void VideoPlayer::applyFiltersTo(MPVObject &pane, int viewID, const QVariantMap &info, bool reapply)
+{
+    MPVObject *p = &pane;
     if (info.contains(QStringLiteral("rotation"))) {
         const int rotation = info.value(QStringLiteral("rotation")).toInt() & 3;
         const int original = info.value(QStringLiteral("originalRotation"), 3).toInt() & 3;
@@ -879,12 +889,11 @@ void VideoPlayer::loadVideo(int viewID, const std::string &path, qint64 position
 {
     if (viewID == -1 || isMPVIdle)
         return;
-    MPVObject *p = pane(viewID);
-    if (!p)
-        return;
-    log.log(QStringLiteral("loading video ") + pathText(path) + QStringLiteral(" MPV %1").arg(viewID));
-    viewLoading[static_cast<size_t>(viewID)] = true;
-    p->load(path, position);
+    usePane(viewID, [&](MPVObject &pane) {
+        log.log(QStringLiteral("loading video ") + pathText(path) + QStringLiteral(" MPV %1").arg(viewID));
+        viewLoading[static_cast<size_t>(viewID)] = true;
+        pane.load(path, position);
+    });
 }
 
 void VideoPlayer::openVideoForView(int viewID, qint64 position, const std::shared_ptr<Video> &video)
@@ -1003,15 +1012,12 @@ void VideoPlayer::lookAheadStopIR(int viewID, const Order &order)
 
 void VideoPlayer::setSpeeds()
 {
-    MPVObject *left = pane(0);
-    MPVObject *right = pane(1);
     const float leftFactor = leftNode->slowMotion;
     const float rightFactor = rightNode->slowMotion;
+    // Sent without waiting: a core busy with an exact seek would hold the
+    // worker, and with it the next seek of a burst, until that seek is done.
     if (leftFactor == rightFactor) {
-        for (MPVObject *p : {left, right}) {
-            if (p)
-                p->executeCommand(speedCommand(1.0), false);
-        }
+        forEachPane([](MPVObject &pane) { pane.executeCommand(speedCommand(1.0), true); });
         return;
     }
     // The pane with the greater factor runs at normal speed; the other is
@@ -1020,10 +1026,9 @@ void VideoPlayer::setSpeeds()
     ViewNode *slowNode = leftIsSlow ? leftNode.get() : rightNode.get();
     ViewNode *fastNode = leftIsSlow ? rightNode.get() : leftNode.get();
     const syncmath::Speeds speeds = syncmath::paneSpeeds(leftFactor, rightFactor);
-    if (MPVObject *p = slowNode->mpv.get())
-        p->executeCommand(speedCommand(1.0), false);
-    if (MPVObject *p = fastNode->mpv.get())
-        p->executeCommand(speedCommand(leftIsSlow ? speeds.right : speeds.left), false);
+    slowNode->mpv.use([](MPVObject &pane) { pane.executeCommand(speedCommand(1.0), true); });
+    const double fastSpeed = leftIsSlow ? speeds.right : speeds.left;
+    fastNode->mpv.use([fastSpeed](MPVObject &pane) { pane.executeCommand(speedCommand(fastSpeed), true); });
     log.log(QStringLiteral("_$$_ slowNode: %1").arg(slowNode->getTimestamp()));
     log.log(QStringLiteral("_$$_ fastNode: %1").arg(fastNode->getTimestamp()));
 }
@@ -1078,10 +1083,7 @@ void VideoPlayer::handlePause(bool thenSeek)
     // A reload that interrupts play resumes it; the UI must not see it stop.
     if (!(resumeAfterReload && !cancelPendingPlay))
         notify([this] { emit isPlayingChanged(); });
-    for (int view : {0, 1}) {
-        if (MPVObject *p = pane(view))
-            p->pause();
-    }
+    forEachPane([](MPVObject &pane) { pane.pause(); });
     if (thenSeek)
         queuedSeek = true;
     leftNode->timelineSyncEnabled = false;
@@ -1108,10 +1110,8 @@ void VideoPlayer::handlePlay()
         if (irInitiating[0] || irInitiating[1] || !isOpen)
             return;
         initTimelineForPlaying(getInputTimestamp());
-        for (int view : {1, 0}) {
-            if (MPVObject *p = pane(view))
-                p->play();
-        }
+        for (int view : {1, 0})
+            usePane(view, [](MPVObject &pane) { pane.play(); });
         isPlaying = true;
         notify([this] { emit isPlayingChanged(); });
         return;
@@ -1177,10 +1177,8 @@ void VideoPlayer::handleQueuedPlay()
     if (viewSeeking[0] || viewSeeking[1] || irInitiating[0] || irInitiating[1] || !isOpen)
         return;
     initTimelineForPlaying(getInputTimestamp());
-    for (int view : {1, 0}) {
-        if (MPVObject *p = pane(view))
-            p->play();
-    }
+    for (int view : {1, 0})
+        usePane(view, [](MPVObject &pane) { pane.play(); });
     isPlaying = true;
     emitInitiating(0, false, 1);
     emitInitiating(1, false, 1);
@@ -1270,8 +1268,9 @@ void VideoPlayer::mpvTimelineSync(int mpvID, qlonglong timePos, bool isEOF)
     }
     // 6. Several videos. A report on another file than the stretch's comes
     // from before a load that is under way.
-    MPVObject *p = pane(mpvID);
-    if (!p || p->getCurrentPlayingVideoPath() != video->filepath)
+    std::string playing;
+    if (!usePane(mpvID, [&playing](MPVObject &pane) { playing = pane.getCurrentPlayingVideoPath(); })
+        || playing != video->filepath)
         return;
     if (irEnabled && nextVideo == currentIn) {
         // Live render has not produced what follows yet.
@@ -1281,10 +1280,7 @@ void VideoPlayer::mpvTimelineSync(int mpvID, qlonglong timePos, bool isEOF)
             requestPlay();
             return;
         }
-        for (int view : {0, 1}) {
-            if (MPVObject *each = pane(view))
-                each->pause();
-        }
+        forEachPane([](MPVObject &pane) { pane.pause(); });
         requestSeek(getInputTimestamp(), false, false);
         emitInitiating(mpvID, true, 0);
         return;
@@ -1494,32 +1490,28 @@ void VideoPlayer::clearVideoCrop()
 
 void VideoPlayer::setVideoCropToView(int viewID, int x, int y, int w, int h)
 {
-    if (MPVObject *p = pane(viewID))
-        p->setCrop(x, y, w, h);
+    usePane(viewID, [=](MPVObject &pane) { pane.setCrop(x, y, w, h); });
 }
 
 void VideoPlayer::clearVideoCropToView(int viewID)
 {
-    if (MPVObject *p = pane(viewID))
-        p->clearCrop();
+    usePane(viewID, [](MPVObject &pane) { pane.clearCrop(); });
 }
 
-void VideoPlayer::forEachPane(const std::function<void(MPVObject *)> &apply) const
+void VideoPlayer::forEachPane(const std::function<void(MPVObject &)> &apply) const
 {
-    for (int view : {0, 1}) {
-        if (MPVObject *p = pane(view))
-            apply(p);
-    }
+    for (int view : {0, 1})
+        usePane(view, apply);
 }
 
 void VideoPlayer::moveMPVPan(QPointF pos)
 {
-    forEachPane([pos](MPVObject *p) { p->movePan(pos); });
+    forEachPane([pos](MPVObject &pane) { pane.movePan(pos); });
 }
 
 void VideoPlayer::setZoom(double zoom)
 {
-    forEachPane([zoom](MPVObject *p) { p->setZoom(zoom); });
+    forEachPane([zoom](MPVObject &pane) { pane.setZoom(zoom); });
 }
 
 void VideoPlayer::setMute(bool mute)
@@ -1530,13 +1522,12 @@ void VideoPlayer::setMute(bool mute)
 
 void VideoPlayer::setMute(int mpvNo, bool mute)
 {
-    if (MPVObject *p = pane(mpvNo))
-        p->setMute(mute);
+    usePane(mpvNo, [mute](MPVObject &pane) { pane.setMute(mute); });
 }
 
 void VideoPlayer::setVolume(int volume)
 {
-    forEachPane([volume](MPVObject *p) { p->setVolume(volume); });
+    forEachPane([volume](MPVObject &pane) { pane.setVolume(volume); });
 }
 
 void VideoPlayer::setMPVIdle(bool isIdle)
@@ -1575,10 +1566,7 @@ void VideoPlayer::toggleLoopingPreviews(bool value)
 
 void VideoPlayer::showBlackFrame()
 {
-    for (int view : {0, 1}) {
-        if (MPVObject *p = pane(view))
-            p->load(QStringLiteral("."), 0);
-    }
+    forEachPane([](MPVObject &pane) { pane.load(QStringLiteral("."), 0); });
 }
 
 TSType VideoPlayer::endFrameForPreview(UID)

@@ -197,6 +197,7 @@ private:
     void requestPlay();
 
     void applyFilters(int viewID, const QVariantMap &info, bool reapply);
+    void applyFiltersTo(MPVObject &pane, int viewID, const QVariantMap &info, bool reapply);
     void openVideoForView(int viewID, qint64 position, const std::shared_ptr<Video> &video);
     void loadVideo(int viewID, const std::string &path, qint64 position);
     // Emits stopIR when the walk from the preview at `order.index` reaches the
@@ -211,8 +212,10 @@ private:
     void setInput(std::shared_ptr<Video> video);
     std::shared_ptr<Video> findVideo(UID uid) const;
     QPoint getInOutRange() const;
-    MPVObject *pane(int viewID) const;
-    void forEachPane(const std::function<void(MPVObject *)> &apply) const;
+    // Calls reach a pane only through its node's slot, under the lock that the
+    // pane's teardown takes; false when the view has no pane (any more).
+    bool usePane(int viewID, const std::function<void(MPVObject &)> &use) const;
+    void forEachPane(const std::function<void(MPVObject &)> &apply) const;
     ViewNode *node(int viewID) const;
     static bool isPane(int viewID);
     TSType inputEnd() const;
@@ -250,7 +253,6 @@ private:
     TimelineManager timelineManager;
     VideoCoorelationManager correlation;
     QVariantMap defaultFilterInfo;
-    std::vector<MPVObject *> mpvItems;
 
     // Node fields published to QML.
     std::mutex timestampMutex;

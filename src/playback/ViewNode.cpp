@@ -12,7 +12,6 @@ ViewNode::ViewNode(int id, int initialTimestamp, QVariantMap initialInfo, std::s
                    Callback onInfo, std::mutex *tsMutex, std::mutex *infMutex, QObject *parent)
     : QObject(parent)
     , viewID(id)
-    , mpv(std::move(mpvObject))
     , slowMotion(slowMotionFactor)
     , frameRange(frames)
     , framerate(rate)
@@ -25,6 +24,7 @@ ViewNode::ViewNode(int id, int initialTimestamp, QVariantMap initialInfo, std::s
     , infoMutex(infMutex)
 {
     log.prefix = QStringLiteral("ViewNode <>===---");
+    mpv.attach(mpvObject.get());
 }
 
 void ViewNode::logTruth(int site)
@@ -46,7 +46,7 @@ bool ViewNode::seekTo(qint64 position)
         log.log(QStringLiteral("cannot seekTo, Invalid seek timestamp (< 0)"), ConsoleLogger::Warn);
         return false;
     }
-    mpv->seek(position);
+    mpv.use([position](MPVObject &pane) { pane.seek(position); });
     setTimestamp(static_cast<int>(position));
     mpvTS = position;
     truthTS = syncmath::fileToInput(position, slowMotion, frameRange.first);
@@ -151,7 +151,9 @@ void ViewNode::mpvTimelineSync(qlonglong timePos, bool isEOF)
 
     if (leaving && count > 1) {
         // A load that is still in flight reports on the old file: stale.
-        if (!mpv || mpv->getCurrentPlayingVideoPath() != video->filepath)
+        std::string playing;
+        if (!mpv.use([&playing](MPVObject &pane) { playing = pane.getCurrentPlayingVideoPath(); })
+            || playing != video->filepath)
             return;
         playbackIndex = static_cast<int>((static_cast<size_t>(playbackIndex) + 1) % count);
         const TimeRange next = playbackRanges[static_cast<size_t>(playbackIndex)];
@@ -162,7 +164,7 @@ void ViewNode::mpvTimelineSync(qlonglong timePos, bool isEOF)
         log.log((playbackIndex == 0 ? QStringLiteral("Loading next video in timeline after looping: ")
                                     : QStringLiteral("Loading next video in timeline: "))
                 + QString::fromStdString(nextVideo->filepath));
-        mpv->load(nextVideo->filepath, next.first - nextVideo->range().x());
+        mpv.use([&](MPVObject &pane) { pane.load(nextVideo->filepath, next.first - nextVideo->range().x()); });
         updateInfoFromVideo(nextVideo);
         truthTS = next.first;
         return;

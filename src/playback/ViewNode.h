@@ -1,5 +1,6 @@
 #pragma once
 
+#include "playback/PaneSlot.h"
 #include "timeline/ConsoleLogger.h"
 #include "timeline/Timeline.h"
 #include "timeline/Video.h"
@@ -50,7 +51,8 @@ public:
     void SyncView();
 
     const int viewID;
-    std::shared_ptr<MPVObject> mpv;
+    // The pane is the scene's; the node only holds the use of it.
+    PaneSlot mpv;
     std::shared_ptr<Timeline> timeline;
     // Written by the worker and by the event slots; a stale value is accepted
     // and repaired at the next report, atomics only keep the access defined.

@@ -9,6 +9,7 @@
 
 #include <QElapsedTimer>
 #include <QGuiApplication>
+#include <QPointer>
 #include <QQmlComponent>
 #include <QQmlEngine>
 #include <QQuickWindow>
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <tuple>
 
 using videoplayer::VideoPlayer;
 
@@ -57,6 +59,59 @@ class tst_VideoPlayerMpv : public QObject
 {
     Q_OBJECT
 
+private:
+    QTemporaryDir dir;
+    QString input, previewA, previewB;
+
+    struct Scene
+    {
+        QQmlEngine engine;
+        std::unique_ptr<QObject> root;
+        QQuickWindow *window = nullptr;
+        VideoPlayer *player = nullptr;
+        MPVObject *left = nullptr;
+        MPVObject *right = nullptr;
+
+        template<typename T>
+        T *item(const char *name) const
+        {
+            return qobject_cast<T *>(root->property(name).value<QObject *>());
+        }
+        // The input frame each pane shows in a grab of the window.
+        std::pair<double, double> framesShown() const
+        {
+            const QImage grab = window->screen()->grabWindow(window->winId()).toImage();
+            return {playermedia::frameShown(grab, QRect(40, 40, 240, 160)),
+                    playermedia::frameShown(grab, QRect(360, 40, 240, 160))};
+        }
+    };
+
+    // A scene whose panes have their native windows; nothing is loaded yet.
+    std::unique_ptr<Scene> makeScene()
+    {
+        auto scene = std::make_unique<Scene>();
+        QQmlComponent component(&scene->engine);
+        component.setData(kScene, QUrl());
+        scene->root.reset(component.create());
+        if (!scene->root) {
+            qWarning() << component.errorString();
+            return nullptr;
+        }
+        scene->window = qobject_cast<QQuickWindow *>(scene->root.get());
+        scene->player = scene->item<VideoPlayer>("player");
+        scene->left = scene->item<MPVObject>("left");
+        scene->right = scene->item<MPVObject>("right");
+        if (!QTest::qWaitFor([&] { return scene->left->surface() && scene->right->surface(); }, 30000))
+            return nullptr;
+        return scene;
+    }
+
+    void openAll(Scene &scene)
+    {
+        QMetaObject::invokeMethod(scene.root.get(), "openAll", Q_ARG(QVariant, input), Q_ARG(QVariant, previewA),
+                                  Q_ARG(QVariant, previewB));
+    }
+
 private slots:
     void initTestCase()
     {
@@ -64,29 +119,109 @@ private slots:
         qunsetenv("QML_IMPORT_PATH");
         qmlRegisterType<MPVObject>("kutils", 1, 0, "MPVObject");
         qmlRegisterType<VideoPlayer>("kutils", 1, 0, "VideoPlayer");
+        input = dir.filePath(QStringLiteral("input.mp4"));
+        previewA = dir.filePath(QStringLiteral("tinted.mp4"));
+        previewB = dir.filePath(QStringLiteral("slow.mp4"));
+        QVERIFY(playermedia::makeInput(input));
+        QVERIFY(playermedia::makePreview(input, previewA, 1000, 1000, 1));
+        QVERIFY(playermedia::makePreview(input, previewB, 2500, 500, 2));
+    }
+
+    // A front end restoring a saved position asks for it right after opening,
+    // while both panes are still loading: the request must not be lost to the
+    // load's own start position.
+    void requestsRightAfterOpeningLand_data()
+    {
+        QTest::addColumn<QString>("request");
+        QTest::addColumn<int>("frame");
+        QTest::newRow("seek") << "seek" << 35;
+        QTest::newRow("next") << "next" << 1;
+        QTest::newRow("play") << "play" << -1;
+    }
+
+    void requestsRightAfterOpeningLand()
+    {
+        QFETCH(QString, request);
+        QFETCH(int, frame);
+        const auto scene = makeScene();
+        QVERIFY(scene);
+        VideoPlayer *player = scene->player;
+        openAll(*scene);
+        if (request == QLatin1String("seek"))
+            player->seek(frame * 40);
+        else if (request == QLatin1String("next"))
+            player->next();
+        else
+            player->play();
+        if (frame < 0) {
+            QTRY_VERIFY_WITH_TIMEOUT(player->getIsPlaying() && player->getInputTimestamp() > 400, 30000);
+            player->pause();
+            QTRY_VERIFY_WITH_TIMEOUT(!player->getIsPlaying() && player->isIdle(), 30000);
+            frame = static_cast<int>(player->getInputTimestamp() / 40);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
+        QCOMPARE(player->getInputTimestamp() / 40, frame);
+        std::pair<double, double> shown;
+        const bool landed = QTest::qWaitFor([&] {
+            shown = scene->framesShown();
+            return std::abs(shown.first - frame) < 0.5 && std::abs(shown.second - frame) < 0.5;
+        }, 20000);
+        QVERIFY2(landed, qPrintable(QStringLiteral("left %1 right %2, asked %3").arg(shown.first).arg(shown.second).arg(frame)));
+    }
+
+    // The scene owns the panes and may destroy one, or everything, in any
+    // order while the player's worker is about to command them.
+    void destroyingPanesMidPlayOrSeek_data()
+    {
+        QTest::addColumn<QString>("doomed");
+        QTest::addColumn<bool>("playing");
+        QTest::newRow("left pane while playing") << "left" << true;
+        QTest::newRow("right pane amid seeks") << "right" << false;
+        QTest::newRow("player before its panes, amid seeks") << "player" << false;
+        QTest::newRow("whole scene while playing") << "scene" << true;
+    }
+
+    void destroyingPanesMidPlayOrSeek()
+    {
+        QFETCH(QString, doomed);
+        QFETCH(bool, playing);
+        auto scene = makeScene();
+        QVERIFY(scene);
+        QPointer<VideoPlayer> player = scene->player;
+        openAll(*scene);
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle() && player->getIsOpen(), 30000);
+        if (playing) {
+            player->play();
+            QTRY_VERIFY_WITH_TIMEOUT(player->getInputTimestamp() > 200, 30000);
+        }
+        for (int ms = 0; ms < 2000; ms += 160)
+            player->seek(ms);
+        if (doomed == QLatin1String("left"))
+            delete scene->left;
+        else if (doomed == QLatin1String("right"))
+            delete scene->right;
+        else if (doomed == QLatin1String("player"))
+            delete scene->player;
+        else
+            scene.reset();
+        if (player) {
+            // The survivors go on taking requests.
+            player->seek(1200);
+            player->play();
+            player->next();
+            player->setZoom(2.0);
+            QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
+        }
+        QTest::qWait(200);
     }
 
     void panesStayOnOneClockAcrossPreviewBoundaries()
     {
-        QTemporaryDir dir;
-        const QString input = dir.filePath(QStringLiteral("input.mp4"));
-        const QString previewA = dir.filePath(QStringLiteral("tinted.mp4"));
-        const QString previewB = dir.filePath(QStringLiteral("slow.mp4"));
-        QVERIFY(playermedia::makeInput(input));
-        QVERIFY(playermedia::makePreview(input, previewA, 1000, 1000, 1));
-        QVERIFY(playermedia::makePreview(input, previewB, 2500, 500, 2));
-
-        QQmlEngine engine;
-        QQmlComponent component(&engine);
-        component.setData(kScene, QUrl());
-        std::unique_ptr<QObject> root(component.create());
-        QVERIFY2(root, qPrintable(component.errorString()));
-        auto *window = qobject_cast<QQuickWindow *>(root.get());
-        auto *player = qobject_cast<VideoPlayer *>(root->property("player").value<QObject *>());
-        auto *left = qobject_cast<MPVObject *>(root->property("left").value<QObject *>());
-        auto *right = qobject_cast<MPVObject *>(root->property("right").value<QObject *>());
-        QVERIFY(window && player && left && right);
-        QTRY_VERIFY_WITH_TIMEOUT(left->surface() && right->surface(), 30000);
+        const auto scene = makeScene();
+        QVERIFY(scene);
+        VideoPlayer *player = scene->player;
+        MPVObject *left = scene->left;
+        MPVObject *right = scene->right;
 
         // Where each report of a pane stands on the input's axis, by the file it plays.
         const auto toInput = [&](const std::string &path, qint64 pos) -> qint64 {
@@ -112,8 +247,7 @@ private slots:
         follow(right, 1);
 
         QSignalSpy opened(player, &VideoPlayer::openedInput);
-        QMetaObject::invokeMethod(root.get(), "openAll", Q_ARG(QVariant, input), Q_ARG(QVariant, previewA),
-                                  Q_ARG(QVariant, previewB));
+        openAll(*scene);
         QVERIFY(opened.wait(10000));
         QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
         QCOMPARE(player->getPreviewRanges(5).size(), 2u);
@@ -156,9 +290,7 @@ private slots:
         double shownLeft = -1;
         double shownRight = -1;
         const auto bothShowExpected = [&] {
-            const QImage grab = window->screen()->grabWindow(window->winId()).toImage();
-            shownLeft = playermedia::frameShown(grab, QRect(40, 40, 240, 160));
-            shownRight = playermedia::frameShown(grab, QRect(360, 40, 240, 160));
+            std::tie(shownLeft, shownRight) = scene->framesShown();
             return std::abs(shownLeft - expected) < 0.5 && std::abs(shownRight - expected) < 0.5;
         };
         QVERIFY2(QTest::qWaitFor(bothShowExpected, 30000),

@@ -80,6 +80,7 @@ private:
     std::mutex timestampMutex;
     std::mutex infoMutex;
     std::unique_ptr<Recorder> recorder;
+    std::vector<std::shared_ptr<MPVObject>> panes;
     std::shared_ptr<Video> input;
     std::shared_ptr<Video> preview;
 };
@@ -99,12 +100,16 @@ void tst_ViewNode::init()
 void tst_ViewNode::cleanup()
 {
     ConsoleLogger::setCaptureSink({});
+    panes.clear();
 }
 
 std::unique_ptr<ViewNode> tst_ViewNode::makeNode(int viewID, std::shared_ptr<MPVObject> mpv)
 {
-    if (mpv)
+    if (mpv) {
         recorder->watch(*mpv);
+        // Nodes only hold the use of a pane; the scene (here the test) owns it.
+        panes.push_back(mpv);
+    }
     return std::make_unique<ViewNode>(viewID, 0, QVariantMap{}, std::move(mpv), 1.0f, ViewNode::FrameRange{0, 0},
                                       0.0, 1.0, nullptr, nullptr, &timestampMutex, &infoMutex);
 }
