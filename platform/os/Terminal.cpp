@@ -28,7 +28,8 @@ QStringList Terminal::candidates(const QProcessEnvironment &environment)
 QString Terminal::open(const QString &folder, const QProcessEnvironment &environment)
 {
     const QStringList programs = candidates(environment);
-    const QStringList searchPath = environment.value(QStringLiteral("PATH")).split(QLatin1Char(':'), Qt::SkipEmptyParts);
+    const QStringList searchPath =
+        environment.value(QStringLiteral("PATH")).split(QLatin1Char(':'), Qt::SkipEmptyParts);
     for (const QString &program : programs) {
         const QString found = program.contains(QLatin1Char('/')) ? program
                                                                  : QStandardPaths::findExecutable(program, searchPath);

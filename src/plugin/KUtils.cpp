@@ -189,7 +189,10 @@ QString KUtils::osVersionString()
             + (match.captured(3).isEmpty() ? QStringLiteral("0") : match.captured(3));
 #endif
     const QOperatingSystemVersion version = QOperatingSystemVersion::current();
-    return QStringLiteral("%1.%2.%3").arg(version.majorVersion()).arg(version.minorVersion()).arg(version.microVersion());
+    return QStringLiteral("%1.%2.%3")
+        .arg(version.majorVersion())
+        .arg(version.minorVersion())
+        .arg(version.microVersion());
 }
 
 void KUtils::enableSleep()
@@ -262,7 +265,9 @@ void KUtils::clearSettings()
 
 QString KUtils::systemInfo()
 {
-    const QString os = isWindows() ? QStringLiteral("Windows") : isMac() ? QStringLiteral("Mac") : QStringLiteral("Linux");
+    const QString os = isWindows() ? QStringLiteral("Windows")
+        : isMac()                  ? QStringLiteral("Mac")
+                                   : QStringLiteral("Linux");
     return machineinfo::systemInfoText(os, facts().osVersion, facts().cpuName(), facts().cpuMemory().first,
                                        facts().getGPUList());
 }

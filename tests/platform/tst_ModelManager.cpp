@@ -14,7 +14,6 @@ using aiengine::ModelBackendFactory;
 using aiengine::ModelManager;
 
 Q_DECLARE_METATYPE(std::set<std::string>)
-Q_DECLARE_METATYPE(std::vector<aiutils::DeviceInfo>)
 
 class tst_ModelManager : public QObject
 {
@@ -24,12 +23,10 @@ private slots:
     void firstAskTakesTheInstalledFolders();
     void readsTheExampleCatalogue();
     void copiesKeepTheirFoldersWhileTheInstanceMoves();
-    void computeFilename_data();
-    void computeFilename();
+    void computeFilenameAddsBlocksAndCapabilityWhenSet();
     void modelFileExists_data();
     void modelFileExists();
-    void preferredDevice_data();
-    void preferredDevice();
+    void preferredDeviceIsCudaThenMemory();
     void preferredBackend_data();
     void preferredBackend();
 
@@ -97,31 +94,16 @@ void tst_ModelManager::copiesKeepTheirFoldersWhileTheInstanceMoves()
     QVERIFY(consistent);
 }
 
-void tst_ModelManager::computeFilename_data()
+void tst_ModelManager::computeFilenameAddsBlocksAndCapabilityWhenSet()
 {
-    QTest::addColumn<int>("width");
-    QTest::addColumn<int>("height");
-    QTest::addColumn<int>("capability");
-    QTest::addColumn<bool>("extension");
-    QTest::addColumn<QString>("expected");
-    QTest::newRow("plain") << 0 << 0 << 0 << true << "upscale-2-cpu-x4.kz";
-    QTest::newRow("blocks") << 256 << 128 << 0 << true << "upscale-2-cpu-x4-256x128.kz";
-    QTest::newRow("one side is no block") << 256 << 0 << 0 << true << "upscale-2-cpu-x4.kz";
-    QTest::newRow("capability") << 512 << 512 << 86 << true << "upscale-2-cpu-x4-512x512-c86.kz";
-    QTest::newRow("bare") << 0 << 0 << 0 << false << "upscale-2-cpu-x4";
-}
-
-void tst_ModelManager::computeFilename()
-{
-    QFETCH(int, width);
-    QFETCH(int, height);
-    QFETCH(int, capability);
-    QFETCH(bool, extension);
-    QFETCH(QString, expected);
     const ModelManager manager("shortName", true, true, "/", {});
-    QCOMPARE(QString::fromStdString(manager.computeFilename("upscale", "2", "cpu", 4, width, height, capability,
-                                                            extension)),
-             expected);
+    const auto name = [&](int width, int height, int capability, bool extension) {
+        return QString::fromStdString(
+            manager.computeFilename("upscale", "2", "cpu", 4, width, height, capability, extension));
+    };
+    QCOMPARE(name(0, 0, 0, true), QStringLiteral("upscale-2-cpu-x4.kz"));
+    QCOMPARE(name(256, 0, 0, false), QStringLiteral("upscale-2-cpu-x4"));
+    QCOMPARE(name(512, 256, 86, true), QStringLiteral("upscale-2-cpu-x4-512x256-c86.kz"));
 }
 
 void tst_ModelManager::modelFileExists_data()
@@ -136,7 +118,6 @@ void tst_ModelManager::modelFileExists_data()
     QTest::newRow("error page, unchecked") << "upscale-2-cpu-x2.kz" << QByteArray("<html>") << false << true;
     QTest::newRow("empty") << "upscale-2-cpu-x2.kz" << QByteArray() << false << false;
     QTest::newRow("another model's") << "interp-1-cpu-x1.kz" << zip << true << false;
-    QTest::newRow("missing") << "" << QByteArray() << true << false;
 }
 
 void tst_ModelManager::modelFileExists()
@@ -146,35 +127,28 @@ void tst_ModelManager::modelFileExists()
     QFETCH(bool, checkContent);
     QFETCH(bool, expected);
     QTemporaryDir data;
-    const QString name = fileName.isEmpty() ? QStringLiteral("upscale-2-cpu-x2.kz") : fileName;
-    if (!fileName.isEmpty()) {
-        QFile file(data.filePath(name));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(content);
-    }
+    QFile file(data.filePath(fileName));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(content);
+    file.close();
     ModelManager manager("shortName", true, checkContent, "/", {});
     manager.setModelDirPath(KUTILS_SOURCE_DIR "/demo/models", data.path());
-    QCOMPARE(manager.modelFileExists(manager.getModelInfo("upscale-2"), name.toStdString()), expected);
+    QCOMPARE(manager.modelFileExists(manager.getModelInfo("upscale-2"), fileName.toStdString()), expected);
+    QVERIFY(!manager.modelFileExists(manager.getModelInfo("upscale-2"), "upscale-2-cpu-x3.kz"));
 }
 
-void tst_ModelManager::preferredDevice_data()
+void tst_ModelManager::preferredDeviceIsCudaThenMemory()
 {
-    QTest::addColumn<std::vector<aiutils::DeviceInfo>>("gpus");
-    QTest::addColumn<int>("expected");
     const aiutils::DeviceInfo intel{"Intel", 0.0, -1, 0}, amd{"AMD", 16.0, -1, 0}, nvidia{"NVIDIA", 8.0, 0, 86},
         bigNvidia{"NVIDIA", 24.0, 1, 89};
-    QTest::newRow("none: the CPU") << std::vector<aiutils::DeviceInfo>{} << -1;
-    QTest::newRow("most memory") << std::vector{intel, amd} << 1;
-    QTest::newRow("CUDA before memory") << std::vector{amd, nvidia} << 1;
-    QTest::newRow("biggest CUDA") << std::vector{nvidia, bigNvidia, amd} << 1;
-    QTest::newRow("first of equals") << std::vector{intel, intel} << 0;
-}
-
-void tst_ModelManager::preferredDevice()
-{
-    QFETCH(std::vector<aiutils::DeviceInfo>, gpus);
-    QFETCH(int, expected);
-    QCOMPARE(DeviceSelector(gpus, false, 12).preferredDevice(), expected);
+    const auto preferred = [](std::vector<aiutils::DeviceInfo> gpus) {
+        return DeviceSelector(std::move(gpus), false, 12).preferredDevice();
+    };
+    QCOMPARE(preferred({}), -1);
+    QCOMPARE(preferred({intel, amd}), 1);
+    QCOMPARE(preferred({amd, nvidia}), 1);
+    QCOMPARE(preferred({nvidia, bigNvidia, amd}), 1);
+    QCOMPARE(preferred({intel, intel}), 0);
 }
 
 void tst_ModelManager::preferredBackend_data()
