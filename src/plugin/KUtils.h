@@ -5,10 +5,9 @@
 #include <QRect>
 #include <QSize>
 #include <QString>
+#include <QValidator> // complete, so QML can pass a validator to callValidate
 #include <QVariantList>
 #include <QVariantMap>
-
-class QValidator;
 
 // General utilities for QML: timecode and frame arithmetic (stateless; the
 // frame rate comes with every call), and what the front end needs to know of

@@ -72,12 +72,15 @@ void tst_KUtils::qmlSeesNumbersAndTheRectOverload()
             property int processes: maxProcesses
             property string info: systemInfo()
             property var upscale: modelsInfo.upscale
+            property IntValidator validator: IntValidator { top: 99 }
+            property int validity: callValidate(validator, "12", 0)
         })", QUrl());
     std::unique_ptr<QObject> utils(component.create());
     QVERIFY2(utils, qPrintable(component.errorString()));
     QVERIFY(utils->property("spaceIsNumber").toBool());
     QVERIFY(utils->property("emptyRect").toBool());
     QVERIFY(!utils->property("fullRect").toBool());
+    QCOMPARE(utils->property("validity").toInt(), int(QValidator::Acceptable));
     QVERIFY(utils->property("processes").toInt() >= 1);
     QVERIFY(utils->property("info").toString().startsWith("OS: Linux v"));
     QCOMPARE(utils->property("upscale").toMap().value("versions").toList(), (QVariantList{"2", "3"}));
