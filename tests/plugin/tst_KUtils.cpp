@@ -144,7 +144,9 @@ void tst_KUtils::restartAppStartsThisExecutableWithItsArguments()
     KUtils().restartApp();
     qunsetenv(restartMarker);
     QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(marker), 10000);
-    QCOMPARE(QString::fromUtf8(readFileBytes(marker)), QCoreApplication::arguments().join('\n'));
+    const QStringList expected =
+        QStringList{QCoreApplication::applicationFilePath()} + QCoreApplication::arguments().mid(1);
+    QCOMPARE(QString::fromUtf8(readFileBytes(marker)), expected.join('\n'));
 }
 
 int main(int argc, char *argv[])
