@@ -68,38 +68,59 @@ bool ModelManager::IsInitialized()
     return instance != nullptr;
 }
 
-void ModelManager::MakeInstance(const QString &keyField, bool enciphered, bool checkContent,
-                                const QString &separator, const QString &host)
-{
-    const ModelManager made(keyField, enciphered, checkContent, separator, host);
-    const std::lock_guard lock(instanceMutex);
-    // References handed out earlier stay valid: the instance is updated in place.
-    if (instance)
-        *instance = made;
-    else
-        instance = std::make_unique<ModelManager>(made);
-}
-
-ModelManager &ModelManager::GetInstance()
+ModelManager::Folders ModelManager::installedFolders()
 {
     std::function<Folders()> source;
     {
         const std::lock_guard lock(instanceMutex);
-        if (instance)
-            return *instance;
         source = folderSource;
     }
     // The source may itself ask whether the instance exists, so it runs unlocked.
-    Folders folders = source ? source() : Folders{};
-    if (folders.modelDir.isEmpty() || folders.dataDir.isEmpty())
-        folders = fallbackFolders();
-    auto made = std::make_unique<ModelManager>(QStringLiteral("shortName"), true, true, QStringLiteral("/"),
-                                               QString());
-    made->setModelDirPath(folders.modelDir, folders.dataDir);
+    const Folders folders = source ? source() : Folders{};
+    return folders.modelDir.isEmpty() || folders.dataDir.isEmpty() ? fallbackFolders() : folders;
+}
+
+void ModelManager::MakeInstance(const QString &keyField, bool enciphered, bool checkContent,
+                                const QString &separator, const QString &host)
+{
+    ModelManager made(keyField, enciphered, checkContent, separator, host);
+    // Folders from the start, so that no thread ever reads an empty path.
+    if (!IsInitialized()) {
+        const Folders folders = installedFolders();
+        made.setModelDirPath(folders.modelDir, folders.dataDir);
+    }
     const std::lock_guard lock(instanceMutex);
-    if (!instance)
-        instance = std::move(made);
-    return *instance;
+    if (!instance) {
+        instance = std::make_unique<ModelManager>(made);
+        return;
+    }
+    // Remade in place, so references handed out earlier stay valid; the
+    // folders stay as they are.
+    const std::lock_guard stateLock(instance->m_mutex);
+    State &state = instance->m_state;
+    state.keyField = keyField;
+    state.enciphered = enciphered;
+    state.checkContent = checkContent;
+    state.separator = separator;
+    state.host = host;
+}
+
+ModelManager &ModelManager::GetInstance()
+{
+    {
+        const std::lock_guard lock(instanceMutex);
+        if (instance)
+            return *instance;
+    }
+    ModelManager made(QStringLiteral("shortName"), true, true, QStringLiteral("/"), QString());
+    const Folders folders = installedFolders();
+    made.setModelDirPath(folders.modelDir, folders.dataDir);
+    {
+        const std::lock_guard lock(instanceMutex);
+        if (!instance)
+            instance = std::make_unique<ModelManager>(std::move(made));
+        return *instance;
+    }
 }
 
 void ModelManager::setFolderSource(std::function<Folders()> source)

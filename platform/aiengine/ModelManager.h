@@ -44,8 +44,8 @@ public:
     ModelManager &operator=(const ModelManager &other);
 
     static bool IsInitialized();
-    // Makes (or remakes) the instance; its folders stay unset until
-    // `setModelDirPath`.
+    // Makes the instance with the folders of the installed source (see
+    // `GetInstance`), or remakes it in place, keeping its folders.
     static void MakeInstance(const QString &keyField, bool enciphered, bool checkContent, const QString &separator,
                              const QString &host);
     // The instance. Asked before `MakeInstance`, it makes one with the folders
@@ -88,6 +88,7 @@ private:
         std::pair<qint64, qint64> catalogueStamp{-1, -1}; // modification time and size
     };
 
+    static Folders installedFolders();
     static nlohmann::json readCatalogue(const QString &modelDir);
     static std::pair<qint64, qint64> catalogueStamp(const QString &modelDir);
     // Brings the cached catalogue up to date with its file.

@@ -43,11 +43,12 @@ void tst_ModelManager::firstAskTakesTheInstalledFolders()
     QCOMPARE(ModelManager::GetInstance().getLocalDirPath(), data);
     QVERIFY(ModelManager::IsInitialized());
 
-    // Remade in place: a reference taken before stays the instance.
+    // Remade in place: a reference taken before stays the instance, with its folders.
     ModelManager &before = ModelManager::GetInstance();
     ModelManager::MakeInstance("shortName", true, true, "/", "https://models.example");
     QCOMPARE(&ModelManager::GetInstance(), &before);
     QCOMPARE(before.fileUrl("a.kz"), QStringLiteral("https://models.example/a.kz"));
+    QCOMPARE(before.getLocalDirPath(), data);
 }
 
 void tst_ModelManager::readsTheExampleCatalogue()
