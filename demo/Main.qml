@@ -500,6 +500,7 @@ ApplicationWindow {
     //   in MS | out MS | slowmo on|off | filter N | render | seek MS|middle
     //   play | pause | step N | wait MS | loop on|off | loop-preview on|off
     //   zoom X | crop N | shot FILE | quit [CODE]
+    //   event NAME | flags | identity | update
     QtObject {
         id: script
         property var steps: []
@@ -606,8 +607,17 @@ ApplicationWindow {
                 break
             }
             case "quit": root.host.quit(Number(arg) || 0); running = false; break
+            case "event": sidePanel.telemetry.sendEvent(arg, script.hooks()); break
+            case "flags": sidePanel.telemetry.readFlags(script.hooks()); break
+            case "identity": sidePanel.telemetry.repairIdentity(script.hooks()); break
+            case "update": sidePanel.telemetry.checkForUpdates(script.hooks()); break
             default: abort("unknown step \"" + step + "\"")
             }
+        }
+
+        // For steps that report, finish or fail from a panel of their own.
+        function hooks() {
+            return {report: root.setStatus, done: () => script.done(), fail: text => script.abort(text)}
         }
 
         function rangesChanged() {

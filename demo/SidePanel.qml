@@ -16,6 +16,7 @@ Rectangle {
     property var previews: []
     property string status: ""
     property bool playing: false
+    property alias telemetry: telemetryPanel
     property alias machine: machinePanel
 
     color: "#23272d"
@@ -112,6 +113,8 @@ Rectangle {
                 elide: Text.ElideRight
             }
         }
+
+        TelemetryPanel { id: telemetryPanel; Layout.fillWidth: true }
 
         Text {
             Layout.fillWidth: true

@@ -1,15 +1,19 @@
-// Sync of the two panes of videoplayer::VideoPlayer, measured on real mpv.
+// Sync of the two panes of videoplayer::VideoPlayer, measured on real mpv, once
+// on an idle machine and once with an encode running on every core beside it
+// (the application renders on the machine it previews on).
 //
-//   ninja -C build-x bench_PlayerSync
+//   ninja -C build bench_PlayerSync
 //   KUTILS_CONFIG_FILE=tests/support/test-config.json \
-//     tests/support/with-xvfb.sh build-x/bench/player/bench_PlayerSync
+//     tests/support/with-xvfb.sh build/bench/player/bench_PlayerSync
 //
 // 1. Plays 0.6 s .. 3.9 s of a 25 fps input beside a preview set (1.0-2.0 s at
-//    slow motion 1, 2.5-3.0 s at slow motion 2), samples both panes every 10 ms
-//    and prints the offset between them on the input's axis in frames, away
-//    from and around each preview boundary.
+//    slow motion 1, 2.5-3.0 s at slow motion 2) and prints the offset between
+//    the panes on the input's axis in frames, away from and around each
+//    preview boundary: from mpv's reported positions, and from photographs of
+//    the window (each input frame is a grey level that names its number).
 // 2. The time from the last of a burst of ten seeks until both panes show the
-//    target, beside the same burst sent to one bare mpv.
+//    target, beside the same burst sent to two bare mpv panes holding the
+//    panes' files, as a ratio (median of 20 bursts).
 #include "PlayerMedia.h"
 
 #include "playback/MPVObject.h"
@@ -17,12 +21,17 @@
 
 #include <QElapsedTimer>
 #include <QGuiApplication>
+#include <QProcess>
 #include <QQmlComponent>
 #include <QQmlEngine>
+#include <QQuickWindow>
+#include <QScreen>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -36,14 +45,16 @@ import QtQuick
 import QtQuick.Window
 import kutils 1.0
 Window {
-    width: 960; height: 240; visible: true
+    width: 1280; height: 240; visible: true; color: "black"
     property alias player: player
     property alias left: left
     property alias right: right
-    property alias bare: bare
+    property alias bareLeft: bareLeft
+    property alias bareRight: bareRight
     MPVObject { id: left; x: 0; width: 320; height: 240 }
     MPVObject { id: right; x: 320; width: 320; height: 240 }
-    MPVObject { id: bare; x: 640; width: 320; height: 240 }
+    MPVObject { id: bareLeft; x: 640; width: 320; height: 240 }
+    MPVObject { id: bareRight; x: 960; width: 320; height: 240 }
     VideoPlayer { id: player; m_mpvs: [left, right] }
 }
 )";
@@ -56,11 +67,128 @@ double percentile(std::vector<double> values, double p)
     return values[std::min(values.size() - 1, static_cast<size_t>(p * values.size()))];
 }
 
+double share(const std::vector<double> &values, double atMost)
+{
+    if (values.empty())
+        return 0;
+    return 100.0 * std::count_if(values.begin(), values.end(), [&](double v) { return v <= atMost; })
+           / static_cast<double>(values.size());
+}
+
 void printRow(const char *label, const std::vector<double> &frames)
 {
-    std::printf("%-28s %6zu samples  median %5.2f  p95 %5.2f  max %5.2f frames\n", label, frames.size(),
-                percentile(frames, 0.5), percentile(frames, 0.95), percentile(frames, 1.0));
+    std::printf("  %-34s %5zu samples  median %4.2f  p95 %4.2f  p99 %4.2f  max %4.2f  at 0: %5.1f %%\n", label,
+                frames.size(), percentile(frames, 0.5), percentile(frames, 0.95), percentile(frames, 0.99),
+                percentile(frames, 1.0), share(frames, 0.25));
 }
+
+struct Bench
+{
+    QString input, previewA, previewB;
+    QQuickWindow *window = nullptr;
+    VideoPlayer *player = nullptr;
+    MPVObject *left = nullptr;
+    MPVObject *right = nullptr;
+    MPVObject *bareLeft = nullptr;
+    MPVObject *bareRight = nullptr;
+
+    double onInputAxis(MPVObject *pane) const
+    {
+        const double ms = pane->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0;
+        const QString file = QString::fromStdString(pane->getCurrentPlayingVideoPath());
+        if (file == previewA)
+            return 1000.0 + ms;
+        if (file == previewB)
+            return 2500.0 + ms / 2.0;
+        return ms;
+    }
+
+    void play(const char *title)
+    {
+        player->seek(600);
+        (void)QTest::qWaitFor([&] { return player->isIdle(); }, 10000);
+        QTest::qWait(300);
+        const double boundaries[] = {1000, 2001, 2500, 3001};
+        const auto nearBoundary = [&](double ms) {
+            return std::any_of(std::begin(boundaries), std::end(boundaries),
+                               [&](double b) { return std::abs(ms - b) < 80; });
+        };
+        std::vector<double> steady, boundary, photoSteady, photoBoundary;
+        player->play();
+        QElapsedTimer guard;
+        guard.start();
+        int tick = 0;
+        while (player->getInputTimestamp() < 3850 && guard.elapsed() < 20000) {
+            QTest::qWait(7);
+            if (!player->getIsPlaying())
+                continue;
+            const double l = onInputAxis(left);
+            const double r = onInputAxis(right);
+            const bool near = nearBoundary(l) || nearBoundary(r);
+            (near ? boundary : steady).push_back(std::abs(l - r) / 40.0);
+            if (++tick % 3 != 0)
+                continue;
+            // Two software-GL windows flip on their own: a photograph is the
+            // user's view, a position report is not.
+            const QImage grab = window->screen()->grabWindow(window->winId(), 0, 0, 640, 240).toImage();
+            const double shownLeft = playermedia::frameShown(grab, QRect(40, 40, 240, 160));
+            const double shownRight = playermedia::frameShown(grab, QRect(360, 40, 240, 160));
+            const bool nearInPicture = nearBoundary(shownLeft * 40) || nearBoundary(shownRight * 40);
+            (nearInPicture ? photoBoundary : photoSteady).push_back(std::abs(std::round(shownLeft) - std::round(shownRight)));
+        }
+        player->pause();
+        (void)QTest::qWaitFor([&] { return player->isIdle() && !player->getIsPlaying(); }, 5000);
+
+        std::printf("%s: offset between the panes on the input's axis while playing (frames)\n", title);
+        printRow("mpv positions, steady", steady);
+        printRow("mpv positions, within 2 frames of a cut", boundary);
+        printRow("photographs, steady", photoSteady);
+        printRow("photographs, within 2 frames of a cut", photoBoundary);
+    }
+
+    void bursts(const char *title)
+    {
+        bareLeft->load(input, 0);
+        bareRight->load(previewB, 0);
+        QTest::qWait(500);
+        const auto settled = [](MPVObject *pane, double fileMs) {
+            return pane->getPropertyInt(QStringLiteral("seeking")) == 0
+                   && std::abs(pane->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0 - fileMs) < 20.0;
+        };
+        std::vector<double> playerMs, bareMs, ratios;
+        for (int round = 0; round < 20; ++round) {
+            // The last target lies in the slowed preview, on a frame's start.
+            const qint64 target = 2600 + 40 * (round % 8);
+            const double rightFile = (target - 2500) * 2.0;
+            QElapsedTimer timer;
+            for (int i = 9; i >= 0; --i)
+                player->seek(target - 100 * i);
+            timer.start();
+            const bool ok = QTest::qWaitFor(
+                [&] { return player->isIdle() && settled(left, target) && settled(right, rightFile); }, 5000);
+            const double mine = ok ? timer.nsecsElapsed() / 1e6 : -1;
+
+            for (int i = 9; i >= 0; --i) {
+                bareLeft->seek(target - 100 * i);
+                bareRight->seek(static_cast<qint64>(std::max(0.0, (target - 100 * i - 2500) * 2.0)));
+            }
+            timer.restart();
+            const bool bareOk = QTest::qWaitFor([&] { return settled(bareLeft, target) && settled(bareRight, rightFile); },
+                                                5000);
+            const double theirs = bareOk ? timer.nsecsElapsed() / 1e6 : -1;
+            playerMs.push_back(mine);
+            bareMs.push_back(theirs);
+            if (mine > 0 && theirs > 0)
+                ratios.push_back(mine / theirs);
+        }
+        std::printf("%s: from the last of ten seeks until both panes show the target (ms, 20 bursts)\n", title);
+        std::printf("  %-34s median %6.1f  max %6.1f\n", "player, both panes", percentile(playerMs, 0.5),
+                    percentile(playerMs, 1.0));
+        std::printf("  %-34s median %6.1f  max %6.1f\n", "two bare mpv panes", percentile(bareMs, 0.5),
+                    percentile(bareMs, 1.0));
+        std::printf("  %-34s median %6.2f  (player / bare)\n", "ratio", percentile(ratios, 0.5));
+    }
+};
 
 } // namespace
 
@@ -72,11 +200,12 @@ int main(int argc, char **argv)
     qmlRegisterType<VideoPlayer>("kutils", 1, 0, "VideoPlayer");
 
     QTemporaryDir dir;
-    const QString input = dir.filePath(QStringLiteral("input.mp4"));
-    const QString previewA = dir.filePath(QStringLiteral("a.mp4"));
-    const QString previewB = dir.filePath(QStringLiteral("b.mp4"));
-    if (!playermedia::makeInput(input) || !playermedia::makePreview(input, previewA, 1000, 1000, 1)
-        || !playermedia::makePreview(input, previewB, 2500, 500, 2)) {
+    Bench bench;
+    bench.input = dir.filePath(QStringLiteral("input.mp4"));
+    bench.previewA = dir.filePath(QStringLiteral("a.mp4"));
+    bench.previewB = dir.filePath(QStringLiteral("b.mp4"));
+    if (!playermedia::makeInput(bench.input) || !playermedia::makePreview(bench.input, bench.previewA, 1000, 1000, 1)
+        || !playermedia::makePreview(bench.input, bench.previewB, 2500, 500, 2)) {
         std::fprintf(stderr, "ffmpeg could not make the media\n");
         return 1;
     }
@@ -89,81 +218,40 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "%s\n", qPrintable(component.errorString()));
         return 1;
     }
-    auto *player = qobject_cast<VideoPlayer *>(root->property("player").value<QObject *>());
-    auto *left = qobject_cast<MPVObject *>(root->property("left").value<QObject *>());
-    auto *right = qobject_cast<MPVObject *>(root->property("right").value<QObject *>());
-    auto *bare = qobject_cast<MPVObject *>(root->property("bare").value<QObject *>());
-    QTest::qWaitFor([&] { return left->surface() && right->surface() && bare->surface(); }, 10000);
+    const auto item = [&](const char *name) { return qobject_cast<MPVObject *>(root->property(name).value<QObject *>()); };
+    bench.window = qobject_cast<QQuickWindow *>(root.get());
+    bench.player = qobject_cast<VideoPlayer *>(root->property("player").value<QObject *>());
+    bench.left = item("left");
+    bench.right = item("right");
+    bench.bareLeft = item("bareLeft");
+    bench.bareRight = item("bareRight");
+    (void)QTest::qWaitFor([&] { return bench.left->surface() && bench.right->surface() && bench.bareRight->surface(); }, 10000);
 
-    player->addInput(1, 0, input, 4000, 25.0, 1.0, true, {{QStringLiteral("duration"), 4000}});
-    player->addPreview(5, 2, 1, 1, previewA, 1000, 1000, 25.0, 1.0, 1.0, {});
-    player->addPreview(5, 3, 1, 1, previewB, 2500, 500, 25.0, 2.0, 1.0, {});
-    player->setPreviewSet(1, 5);
-    player->seek(600);
-    QTest::qWaitFor([&] { return player->isIdle(); }, 10000);
-    QTest::qWait(500);
+    bench.player->addInput(1, 0, bench.input, 4000, 25.0, 1.0, true, {{QStringLiteral("duration"), 4000}});
+    bench.player->addPreview(5, 2, 1, 1, bench.previewA, 1000, 1000, 25.0, 1.0, 1.0, {});
+    bench.player->addPreview(5, 3, 1, 1, bench.previewB, 2500, 500, 25.0, 2.0, 1.0, {});
+    bench.player->setPreviewSet(1, 5);
 
-    const auto onInputAxis = [&](MPVObject *pane) {
-        const double ms = pane->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0;
-        const QString file = QString::fromStdString(pane->getCurrentPlayingVideoPath());
-        if (file == previewA)
-            return 1000.0 + ms;
-        if (file == previewB)
-            return 2500.0 + ms / 2.0;
-        return ms;
-    };
-    const double boundaries[] = {1000, 2001, 2500, 3001};
-    std::vector<double> steady;
-    std::vector<double> nearBoundary;
-    player->play();
-    QElapsedTimer guard;
-    guard.start();
-    while (player->getInputTimestamp() < 3900 && guard.elapsed() < 15000) {
-        QTest::qWait(10);
-        if (!player->getIsPlaying())
-            continue;
-        const double l = onInputAxis(left);
-        const double r = onInputAxis(right);
-        const double frames = std::abs(l - r) / 40.0;
-        const bool near = std::any_of(std::begin(boundaries), std::end(boundaries),
-                                      [&](double b) { return std::abs(l - b) < 200 || std::abs(r - b) < 200; });
-        (near ? nearBoundary : steady).push_back(frames);
+    bench.play("idle");
+    bench.bursts("idle");
+
+    // An encode on every core, as a render beside the preview would be.
+    QProcess load;
+    load.start(QStringLiteral("ffmpeg"),
+               {QStringLiteral("-v"), QStringLiteral("quiet"), QStringLiteral("-f"), QStringLiteral("lavfi"),
+                QStringLiteral("-i"), QStringLiteral("testsrc2=s=1920x1080:r=30"), QStringLiteral("-t"),
+                QStringLiteral("600"), QStringLiteral("-threads"), QString::number(QThread::idealThreadCount()),
+                QStringLiteral("-c:v"), QStringLiteral("libx264"), QStringLiteral("-preset"), QStringLiteral("medium"),
+                QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")});
+    if (!load.waitForStarted()) {
+        std::fprintf(stderr, "could not start the background encode\n");
+        return 1;
     }
-    player->pause();
-    QTest::qWaitFor([&] { return player->isIdle() && !player->getIsPlaying(); }, 5000);
-
-    std::printf("Offset between the panes on the input's axis while playing:\n");
-    printRow("steady", steady);
-    printRow("within 200 ms of a boundary", nearBoundary);
-
-    // Bursts of seeks; the target of the last lies in the slowed preview.
-    bare->load(input, 0);
-    QTest::qWait(500);
-    const auto settled = [](MPVObject *pane, double fileMs) {
-        return pane->getPropertyInt(QStringLiteral("seeking")) == 0
-               && std::abs(pane->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0 - fileMs) < 20.0;
-    };
-    std::vector<double> playerMs;
-    std::vector<double> bareMs;
-    for (int round = 0; round < 5; ++round) {
-        const qint64 target = 2600 + 40 * round;
-        QElapsedTimer timer;
-        for (int i = 9; i >= 0; --i)
-            player->seek(target - 100 * i);
-        timer.start();
-        const bool ok = QTest::qWaitFor(
-            [&] { return player->isIdle() && settled(left, target) && settled(right, (target - 2500) * 2.0); }, 5000);
-        playerMs.push_back(ok ? timer.elapsed() : -1);
-
-        for (int i = 9; i >= 0; --i)
-            bare->seek(target - 100 * i);
-        timer.restart();
-        const bool bareOk = QTest::qWaitFor([&] { return settled(bare, target); }, 5000);
-        bareMs.push_back(bareOk ? timer.elapsed() : -1);
-    }
-    std::printf("\nFrom the last of ten seeks until the target shows (ms):\n");
-    std::printf("%-28s median %6.1f  max %6.1f\n", "player, both panes", percentile(playerMs, 0.5),
-                percentile(playerMs, 1.0));
-    std::printf("%-28s median %6.1f  max %6.1f\n", "bare mpv", percentile(bareMs, 0.5), percentile(bareMs, 1.0));
+    QTest::qWait(1000);
+    std::printf("\n");
+    bench.play("busy");
+    bench.bursts("busy");
+    load.kill();
+    load.waitForFinished();
     return 0;
 }

@@ -7,6 +7,7 @@
 
 #include <mpv/client.h>
 
+#include <chrono>
 #include <regex>
 #include <stdexcept>
 
@@ -78,6 +79,11 @@ MPVObject::~MPVObject()
     container.reset();
 }
 
+double MPVObject::reportTime() const
+{
+    return currentReportMs;
+}
+
 void MPVObject::addOwner(PaneSlot *slot)
 {
     const std::lock_guard lock(ownersMutex);
@@ -107,6 +113,10 @@ bool MPVObject::isInitialized() const
 
 void MPVObject::onWakeup(void *context)
 {
+    // Stamped on mpv's thread: the event loop may deliver much later.
+    static_cast<MPVObject *>(context)->wakeupNs.store(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
     emit static_cast<MPVObject *>(context)->eventsAvailable();
 }
 
@@ -181,6 +191,7 @@ void MPVObject::checkEvents()
     mpv_handle *handle = mpvPlayer.handle();
     if (!handle)
         return;
+    currentReportMs = static_cast<double>(wakeupNs.load()) / 1e6;
     while (true) {
         const mpv_event *event = mpv_wait_event(handle, 0);
         if (event->event_id == MPV_EVENT_NONE)

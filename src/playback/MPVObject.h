@@ -7,6 +7,7 @@
 #include <QQuickItem>
 #include <QVariantMap>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -36,6 +37,10 @@ public:
 
     // Players that drive this pane from their own threads hold it through a
     // slot, which the pane releases before its teardown begins.
+    // When mpv queued the report being delivered now, in milliseconds of the
+    // steady clock; 0 before any. The frame lock dates positions by it.
+    double reportTime() const;
+
     void addOwner(PaneSlot *slot);
     void removeOwner(PaneSlot *slot);
 
@@ -98,6 +103,8 @@ private:
     double splitPanXFactor = 0.0;
     bool initialized = false;
     ConsoleLogger log;
+    std::atomic<qint64> wakeupNs{0};
+    double currentReportMs = 0;
     std::mutex ownersMutex;
     std::vector<PaneSlot *> owners;
 };

@@ -331,6 +331,12 @@ void MPVPlayer::setMute(bool mute)
         mpv_set_property_string(mpv.get(), "mute", mute ? "yes" : "no");
 }
 
+void MPVPlayer::setSpeedProperty(double speed)
+{
+    if (mpv)
+        mpv_set_property_async(mpv.get(), 0, "speed", MPV_FORMAT_DOUBLE, &speed);
+}
+
 void MPVPlayer::setVolume(int volume)
 {
     if (mpv)

@@ -53,6 +53,9 @@ public:
     QRect crop() const;
     void applyFilter(const std::string &filterComplex);
     void setMute(bool mute);
+    // The "speed" property, set without a command and without waiting: the
+    // frame lock's trims, which must not look like the player's own commands.
+    void setSpeedProperty(double speed);
     void setVolume(int volume);
     void setFramerate(float framerate);
     float getFramerate() const;

@@ -1,10 +1,15 @@
 #pragma once
 
+#include "playback/FrameLock.h"
+#include "playback/InputPreviewHandler.h"
 #include "playback/MPVObject.h"
+#include "playback/PlaybackSync.h"
+#include "playback/TransportHandler.h"
 #include "playback/VPReqQueue.h"
 #include "playback/VideoPlayerContext.h"
 #include "playback/ViewNode.h"
 #include "playback/ViewNodeManager.h"
+#include "playback/ViewOperations.h"
 #include "timeline/ConsoleLogger.h"
 #include "timeline/TimelineManager.h"
 #include "timeline/VideoCoorelationManager.h"
@@ -159,53 +164,18 @@ public slots:
     QVariantMap getDevInfo();
 
 private:
-    using ViewFlags = std::array<std::atomic<bool>, 2>;
+    friend class InputPreviewHandler;
+    friend class TransportHandler;
+    friend class PlaybackSync;
+    friend class ViewOperations;
 
-    // A timeline's play order at one position, copied out under the timeline lock.
-    struct Order
-    {
-        std::vector<TimeRange> ranges;
-        std::vector<std::shared_ptr<Video>> videos;
-        int index = 0;
-        std::shared_ptr<Video> preview;
-        std::shared_ptr<Video> input;
-    };
+    using ViewFlags = std::array<std::atomic<bool>, 2>;
 
     void runWorker();
     void perform(const QVariantMap &request);
     void push(QVariantMap request);
 
-    // Request handlers, on the worker.
-    void handleAddInput(const QVariantMap &request);
-    void handleAddPreview(const QVariantMap &request);
-    void handleReload(const QVariantMap &request);
-    void handleUpdateInfo(UID uid, const QVariantMap &newInfo);
-    void handleSetPreviewSet(int viewID, PreviewSetUID psUID);
-    void handleClosePreview(UID previewUID);
-    void handleResetView(int viewID);
-    void handleSeek(TSType t, bool interrupt, bool initIR, bool pauseFirst);
-    void handleNext();
-    void handlePrev();
-    void handleStep(bool forward);
-    void handlePlay();
-    void handlePause(bool thenSeek);
-    void handleQueuedPlay();
-
-    // The caller's-thread forms of a seek and a play: they go through the
-    // queue so that no synchronous mpv command runs on the QML thread.
-    void requestSeek(TSType t, bool interrupt, bool initIR);
-    void requestPlay();
-
-    void applyFilters(int viewID, const QVariantMap &info, bool reapply);
-    void applyFiltersTo(MPVObject &pane, int viewID, const QVariantMap &info, bool reapply);
-    void openVideoForView(int viewID, qint64 position, const std::shared_ptr<Video> &video);
-    void loadVideo(int viewID, const std::string &path, qint64 position);
-    // Emits stopIR when the walk from the preview at `order.index` reaches the
-    // input before any stretch still rendering.
-    void lookAheadStopIR(int viewID, const Order &order);
-    void setSpeeds();
-
-    Order orderAt(ViewNode *node, TSType t);
+    PlayOrder orderAt(ViewNode *node, TSType t);
     std::shared_ptr<Timeline> timelineOf(ViewNode *node);
     void setTimelineOf(ViewNode *node, std::shared_ptr<Timeline> timeline);
     std::shared_ptr<Video> input() const;
@@ -270,6 +240,16 @@ private:
     std::unique_ptr<ViewNode> rightNode;
     QHash<int, ViewNode *> views;
     std::unique_ptr<ViewNodeManager> viewNodeManager;
+
+    FrameLock frameLock;
+    // The speeds the last seek set, before any trim of the frame lock.
+    std::array<std::atomic<double>, 2> baseSpeed{1.0, 1.0};
+
+    // The player's work by the design's seams; each works on the state above.
+    InputPreviewHandler inputs{*this};
+    TransportHandler transport{*this};
+    PlaybackSync sync{*this};
+    ViewOperations viewOps{*this};
 
     VPReqQueue requests;
     std::thread worker;

@@ -65,8 +65,22 @@ QList<QPair<QString, QString>> parseOptionList(const QString &text)
     return options;
 }
 
+// A positive whole number of milliseconds, from JSON (number or text) or the build.
+void applyTimeout(Configuration &config, const QVariant &value)
+{
+    bool ok = false;
+    const int ms = value.toInt(&ok);
+    if (ok && ms > 0)
+        config.transferTimeoutMs = ms;
+    else
+        qCWarning(lcConfig) << "transferTimeoutMs is not a positive number of milliseconds; ignored";
+}
+
 void applyOverride(Configuration &config, const QJsonObject &json)
 {
+    const QJsonValue timeout = json.value(QLatin1String("transferTimeoutMs"));
+    if (!timeout.isUndefined())
+        applyTimeout(config, timeout.toVariant());
     for (const StringKey &key : stringKeys) {
         const QJsonValue value = json.value(QLatin1String(key.name));
         if (value.isString())
@@ -109,6 +123,8 @@ Configuration Configuration::load()
     for (const StringKey &key : stringKeys)
         config.*key.field = QString::fromUtf8(key.buildDefault);
     config.mpvExtraOptions = parseOptionList(QString::fromUtf8(kutils::buildconfig::mpvExtraOptions));
+    if (*kutils::buildconfig::transferTimeoutMs)
+        applyTimeout(config, QString::fromUtf8(kutils::buildconfig::transferTimeoutMs));
 
     const QString path = qEnvironmentVariable("KUTILS_CONFIG_FILE");
     if (path.isEmpty())

@@ -54,6 +54,10 @@ struct Configuration
     // mpv options applied after the player's own, in order (name, value).
     QList<QPair<QString, QString>> mpvExtraOptions;
 
+    // How long a Qt network transfer may go without progress before it is
+    // aborted, in milliseconds.
+    int transferTimeoutMs = 30000;
+
     // The configuration in force. Loaded on first use; thread-safe.
     static const Configuration &instance();
 

@@ -5,6 +5,7 @@
 // number as eight black or white bars (bit i in bar i), so the picture in a
 // pane tells which frame it is.
 #include <QFile>
+#include <QFileInfo>
 #include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -115,6 +116,7 @@ private slots:
     void withoutAVideoASampleIsMadeOnceAndPreviewed();
     void unusableRequestsEndWithAReasonAndNoScreenshot_data();
     void unusableRequestsEndWithAReasonAndNoScreenshot();
+    void serviceStepsReachTheLocalStandIn();
 
 private:
     DemoRun runDemo(const QStringList &arguments, const QString &mediaDir);
@@ -339,6 +341,31 @@ void tst_Demo::unusableRequestsEndWithAReasonAndNoScreenshot()
     QCOMPARE(run.exitCode, exitCode);
     QVERIFY2(run.output.contains(reason), qPrintable(run.output));
     QVERIFY(!QFile::exists(shot));
+}
+
+void tst_Demo::serviceStepsReachTheLocalStandIn()
+{
+    QProcess standin;
+    standin.start(QStringLiteral(KUTILS_TELEMETRY_STANDIN),
+                  {QStringLiteral("--dir"), work.filePath(QStringLiteral("standin")), QStringLiteral("--base"),
+                   qEnvironmentVariable("KUTILS_CONFIG_FILE"), QStringLiteral("--installer-mib"), QStringLiteral("4")});
+    QVERIFY(standin.waitForStarted() && standin.waitForReadyRead(30000));
+    const QString config = QJsonDocument::fromJson(standin.readLine()).object().value(QStringLiteral("config")).toString();
+    const QByteArray testConfig = qgetenv("KUTILS_CONFIG_FILE");
+    qputenv("KUTILS_CONFIG_FILE", config.toUtf8());
+    qputenv("TMPDIR", work.path().toUtf8());
+    const QString steps = QStringLiteral("event demo-started; flags; identity; update; quit");
+    const DemoRun run = runDemo({QStringLiteral("--script"), steps, clip}, work.filePath(QStringLiteral("media-services")));
+    qputenv("KUTILS_CONFIG_FILE", testConfig);
+    standin.closeWriteChannel();
+    QVERIFY(standin.waitForFinished(10000));
+    QCOMPARE(run.exitCode, 0);
+    for (const char *line : {"Event delivered to the collector", "Flags: cloud-render=off, new-export-panel=on",
+                             "Identity repaired", "Installer saved as"})
+        QVERIFY2(run.output.contains(QLatin1String(line)), qPrintable(run.output));
+    QCOMPARE(QFileInfo(work.filePath(QStringLiteral("setup-2.0.0.msi"))).size(), 4 << 20);
+    const QString served = QString::fromUtf8(standin.readAll());
+    QVERIFY2(served.contains(QStringLiteral("event \"demo-started\" from demo-device")), qPrintable(served));
 }
 
 QTEST_GUILESS_MAIN(tst_Demo)

@@ -169,6 +169,33 @@ private slots:
         QVERIFY2(landed, qPrintable(QStringLiteral("left %1 right %2, asked %3").arg(shown.first).arg(shown.second).arg(frame)));
     }
 
+    // A pane that lost a command while both play (here: sent elsewhere behind
+    // the player's back) is brought back long before the next boundary.
+    void aStrayPaneIsPulledBackWhilePlaying()
+    {
+        const auto scene = makeScene();
+        QVERIFY(scene);
+        VideoPlayer *player = scene->player;
+        openAll(*scene);
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle() && player->getIsOpen(), 30000);
+        player->seek(40);
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
+        player->play();
+        QTRY_VERIFY_WITH_TIMEOUT(player->getInputTimestamp() >= 160, 30000);
+        const double at = scene->right->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0;
+        scene->right->seek(static_cast<qint64>(at) + 320);
+        // Until 1000 ms both panes play the input; the player's own switch
+        // there would realign them anyway.
+        QTRY_VERIFY_WITH_TIMEOUT(player->getInputTimestamp() >= 760, 30000);
+        QVERIFY(player->getIsPlaying());
+        for (int sample = 0; sample < 5; ++sample) {
+            const double l = scene->left->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0;
+            const double r = scene->right->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0;
+            QVERIFY2(std::abs(l - r) <= 40.0, qPrintable(QStringLiteral("left %1 right %2").arg(l).arg(r)));
+            QTest::qWait(20);
+        }
+    }
+
     // The scene owns the panes and may destroy one, or everything, in any
     // order while the player's worker is about to command them.
     void destroyingPanesMidPlayOrSeek_data()

@@ -1,0 +1,141 @@
+// The frame lock's control loop against two simulated panes: each shows a
+// frame every 40 ms on its own clock and reports it after a delivery delay
+// that scatters either way; the follower's clock obeys the lock's trims and
+// re-seeks as an mpv core would, a little late.
+#include "playback/FrameLock.h"
+
+#include <QtTest>
+
+#include <cmath>
+#include <random>
+
+using videoplayer::FrameLock;
+
+namespace {
+
+struct Outcome
+{
+    double finalOffset = 0;  // follower minus leader, ms, at the end
+    int trims = 0;
+    int reseeks = 0;
+    double slowestTrim = 1.0;
+    double fastestTrim = 1.0;
+};
+
+// `offset`: where the follower starts against the leader (ms on the input's
+// axis); `rate`: input ms per wall ms (0.5 in a slow-motion stretch);
+// `jitter`: the largest delivery delay either way; `seekMs`: how long a
+// re-seek keeps the follower from advancing.
+Outcome simulate(double offset, double rate, double jitter, double seekMs, double seconds, unsigned seed)
+{
+    FrameLock lock;
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<double> delay(-jitter, jitter);
+    Outcome outcome;
+    double leaderStart = 1000.0;
+    double followerPos = leaderStart + offset;  // on the input's axis at wall 1000
+    double followerSpeed = 1.0;
+    double frozenUntil = 0;
+    double last = 1000.0;
+    const double frame = 40.0 * rate;  // a reported step of the file, on the input's axis
+    for (double wall = 1000.0; wall < 1000.0 + seconds * 1000.0; wall += 1.0) {
+        if (wall >= frozenUntil)
+            followerPos += rate * followerSpeed * (wall - last);
+        last = wall;
+        const double leaderPos = leaderStart + rate * (wall - 1000.0);
+        // Each pane reports when it crosses a frame of its own.
+        for (int pane : {0, 1}) {
+            const double pos = pane == 0 ? leaderPos : followerPos;
+            const double before = pane == 0 ? leaderPos - rate : followerPos - rate * followerSpeed;
+            if (std::floor(pos / frame) == std::floor(before / frame))
+                continue;
+            const double shown = std::floor(pos / frame) * frame;
+            const auto action = lock.report(pane, shown, wall + std::abs(delay(random)) + delay(random) * 0.2, rate, 40.0);
+            if (action.kind == FrameLock::Action::Trim) {
+                ++outcome.trims;
+                followerSpeed = action.speedFactor;
+                outcome.slowestTrim = std::min(outcome.slowestTrim, action.speedFactor);
+                outcome.fastestTrim = std::max(outcome.fastestTrim, action.speedFactor);
+            } else if (action.kind == FrameLock::Action::Reseek) {
+                ++outcome.reseeks;
+                followerSpeed = 1.0;
+                followerPos = action.targetInputMs;
+                frozenUntil = wall + seekMs;
+            }
+        }
+        outcome.finalOffset = followerPos - leaderPos;
+    }
+    return outcome;
+}
+
+} // namespace
+
+class tst_FrameLock : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void closesTheGapWithoutOvershooting_data()
+    {
+        QTest::addColumn<double>("offset");
+        QTest::addColumn<double>("rate");
+        QTest::addColumn<double>("jitter");
+        QTest::addColumn<double>("seekMs");
+        QTest::addColumn<bool>("reseeks");
+        QTest::newRow("in step: left alone") << 0.5 << 1.0 << 3.0 << 30.0 << false;
+        QTest::newRow("a third of a frame behind: trimmed") << -13.0 << 1.0 << 3.0 << 30.0 << false;
+        QTest::newRow("a frame and a half ahead: trimmed") << 60.0 << 1.0 << 3.0 << 30.0 << false;
+        QTest::newRow("slow motion, half a frame ahead") << 10.0 << 0.5 << 3.0 << 30.0 << false;
+        QTest::newRow("lost seek: fifteen frames behind") << -600.0 << 1.0 << 3.0 << 30.0 << true;
+        QTest::newRow("stray seek ahead, slow seeks") << 320.0 << 1.0 << 6.0 << 120.0 << true;
+        QTest::newRow("busy machine: wide scatter") << -20.0 << 1.0 << 9.0 << 60.0 << false;
+    }
+
+    void closesTheGapWithoutOvershooting()
+    {
+        QFETCH(double, offset);
+        QFETCH(double, rate);
+        QFETCH(double, jitter);
+        QFETCH(double, seekMs);
+        QFETCH(bool, reseeks);
+        for (unsigned seed : {1u, 2u, 3u}) {
+            const Outcome outcome = simulate(offset, rate, jitter, seekMs, 4.0, seed);
+            const QString what = QStringLiteral("seed %1: offset %2 ms after %3 trims, %4 re-seeks")
+                                     .arg(seed)
+                                     .arg(outcome.finalOffset)
+                                     .arg(outcome.trims)
+                                     .arg(outcome.reseeks);
+            QVERIFY2(std::abs(outcome.finalOffset) <= 4.0, qPrintable(what));
+            QVERIFY2((outcome.reseeks > 0) == reseeks, qPrintable(what));
+            // Trims stay small enough to go unheard and unseen.
+            QVERIFY2(outcome.slowestTrim >= 0.95 && outcome.fastestTrim <= 1.05, qPrintable(what));
+            if (std::abs(offset) <= 2.0)
+                QCOMPARE(outcome.trims, 0);
+        }
+    }
+
+    void nothingUntilBothLinesAreKnownAndAgainAfterReset()
+    {
+        FrameLock lock;
+        // The follower far ahead, but too few steady reports to say so: the
+        // first two after a start are passed over, then five are needed.
+        for (int i = 0; i < 6; ++i) {
+            QCOMPARE(lock.report(0, 40.0 * i, 1000.0 + 40 * i, 1.0, 40.0).kind, FrameLock::Action::None);
+            QCOMPARE(lock.report(1, 400 + 40.0 * i, 1000.0 + 40 * i, 1.0, 40.0).kind, FrameLock::Action::None);
+        }
+        lock.report(0, 240.0, 1240.0, 1.0, 40.0);
+        const auto action = lock.report(1, 640.0, 1240.0, 1.0, 40.0);
+        QCOMPARE(action.kind, FrameLock::Action::Reseek);
+        // Where the leader will be once the seek is done.
+        QVERIFY(action.targetInputMs > 240.0 && action.targetInputMs < 340.0);
+        lock.reset();
+        QCOMPARE(lock.offsetAt(1300.0), 0.0);
+        // Bad input is ignored, not divided by.
+        QCOMPARE(lock.report(1, 0, 1300.0, 0.0, 40.0).kind, FrameLock::Action::None);
+        QCOMPARE(lock.report(3, 0, 1300.0, 1.0, 40.0).kind, FrameLock::Action::None);
+        QCOMPARE(lock.report(1, 0, 1300.0, 1.0, std::nan("")).kind, FrameLock::Action::None);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_FrameLock)
+#include "tst_FrameLock.moc"

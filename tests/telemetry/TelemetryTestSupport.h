@@ -1,0 +1,120 @@
+#pragma once
+
+#include <httplib.h>
+
+#include "ThrowawayCa.h"
+#include "plugin/Configuration.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+// An HTTP or HTTPS server on 127.0.0.1 in a thread of its own. It keeps every
+// request (method, path, decoded query or form, headers, body), and a handler
+// can hold its answer until the test releases it.
+class LoopbackServer
+{
+public:
+    using Handler = std::function<void(const httplib::Request &, httplib::Response &)>;
+
+    explicit LoopbackServer(const testca::Files *tls = nullptr)
+        : server(tls ? std::make_unique<httplib::SSLServer>(tls->serverCert.c_str(), tls->serverKey.c_str())
+                     : std::make_unique<httplib::Server>())
+        , scheme(tls ? "https" : "http")
+    {
+        // Bound before the thread starts: early connections wait in the backlog.
+        port = server->bind_to_any_port("127.0.0.1");
+        thread = std::thread([this] { server->listen_after_bind(); });
+    }
+    ~LoopbackServer()
+    {
+        release();
+        server->stop();
+        thread.join();
+    }
+
+    QString base(const char *host = "127.0.0.1") const
+    {
+        return QStringLiteral("%1://%2:%3").arg(QLatin1String(scheme), QLatin1String(host)).arg(port);
+    }
+
+    void on(const char *method, const std::string &path, Handler handler)
+    {
+        auto recorded = [this, handler](const httplib::Request &request, httplib::Response &response) {
+            {
+                const std::lock_guard lock(mutex);
+                log.push_back(request);
+            }
+            handler(request, response);
+        };
+        std::string_view(method) == "POST" ? server->Post(path, recorded) : server->Get(path, recorded);
+    }
+
+    std::vector<httplib::Request> requests()
+    {
+        const std::lock_guard lock(mutex);
+        return log;
+    }
+
+    void clear()
+    {
+        const std::lock_guard lock(mutex);
+        log.clear();
+        released = false;
+    }
+
+    // For handlers: waits until the test calls release(), ten seconds at most.
+    void hold()
+    {
+        std::unique_lock lock(mutex);
+        wake.wait_for(lock, std::chrono::seconds(10), [this] { return released; });
+    }
+
+    void release()
+    {
+        {
+            const std::lock_guard lock(mutex);
+            released = true;
+        }
+        wake.notify_all();
+    }
+
+private:
+    std::unique_ptr<httplib::Server> server;
+    const char *scheme;
+    int port = 0;
+    std::thread thread;
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool released = false;
+    std::vector<httplib::Request> log;
+};
+
+inline QString qs(const std::string &text)
+{
+    return QString::fromStdString(text);
+}
+
+inline LoopbackServer::Handler answer(std::string body, int status = 200, const char *type = "application/json")
+{
+    return [=](const httplib::Request &, httplib::Response &response) {
+        response.status = status;
+        response.set_content(body, type);
+    };
+}
+
+// Makes `settings` the configuration in force, through a file in `dir`.
+inline void useConfiguration(const QString &dir, const QJsonObject &settings)
+{
+    QFile file(dir + QStringLiteral("/config.json"));
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        qFatal("cannot write %s", qPrintable(file.fileName()));
+    file.write(QJsonDocument(settings).toJson());
+    file.close();
+    qputenv("KUTILS_CONFIG_FILE", file.fileName().toUtf8());
+    Configuration::reload();
+}
