@@ -586,6 +586,7 @@ ApplicationWindow {
                 break
             }
             case "play": player.play(); done(); break
+            case "machine": root.host.report(sidePanel.machine.report()); done(); break
             case "pause":
                 // Paused, then realigned on a frame's start (see realign): that
                 // is a seek, and the step waits for it as for one.
@@ -916,6 +917,8 @@ ApplicationWindow {
             status: root.status
             playing: player.isPlaying
             demo: root
+            machine.outputFolder: root.mediaDir + "/previews"
+            machine.rendering: renderer.purpose === "preview"
         }
     }
 }

@@ -19,6 +19,7 @@ Rectangle {
     property alias telemetry: telemetryPanel
     property var demo: null
     readonly property alias sequencePanel: sequencePanel
+    property alias machine: machinePanel
 
     color: "#23272d"
     implicitWidth: 300
@@ -91,6 +92,8 @@ Rectangle {
                 }
             }
         }
+
+        MachinePanel { id: machinePanel; Layout.fillWidth: true }
 
         Text {
             text: "Previews"

@@ -1,5 +1,6 @@
 #include "files/TFileManager.h"
 
+#include "aiengine/ModelManager.h"
 #include "aiutils/kzutils.h"
 #include "files/FileManagerLogging.h"
 #include "files/FrameRange.h"
@@ -7,6 +8,7 @@
 #include "os/AppRegistry.h"
 #include "os/CompanionApp.h"
 #include "os/Shell.h"
+#include "plugin/Configuration.h"
 #include "videoio/DelayedDeleter.h"
 #include "videoio/FFReaderUtils.h"
 #include "videoio/Reader.h"
@@ -85,6 +87,21 @@ QStringList storageReport()
     return report;
 }
 
+// The catalogue and "proxy.json" live in the default model folder, downloads
+// go to the data folder.
+aiengine::ModelManager::Folders modelFolders()
+{
+    TFileManager files;
+    return {files.defaultModelFolderPath(), files.getModelFolderPath()};
+}
+
+// The model manager, asked before anyone set it up, takes our folders.
+void installModelFolders()
+{
+    aiengine::ModelManager::setFolderSource(modelFolders);
+}
+Q_CONSTRUCTOR_FUNCTION(installModelFolders)
+
 } // namespace
 
 TFileManager::TFileManager(QObject *parent)
@@ -94,6 +111,16 @@ TFileManager::TFileManager(QObject *parent)
     // Queued, so that any thread may ask for a deletion and it runs here.
     connect(this, &TFileManager::closeAndDelete, this, &TFileManager::closeAndDeletePath, Qt::QueuedConnection);
     unzipThread = std::thread([this] { unzipLoop(); });
+}
+
+void TFileManager::initModelManager()
+{
+    if (aiengine::ModelManager::IsInitialized())
+        return;
+    aiengine::ModelManager::MakeInstance(QStringLiteral("shortName"), true, true, QStringLiteral("/"),
+                                         Configuration::instance().modelHost);
+    const auto folders = modelFolders();
+    aiengine::ModelManager::GetInstance().setModelDirPath(folders.modelDir, folders.dataDir);
 }
 
 TFileManager::~TFileManager()

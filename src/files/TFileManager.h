@@ -38,6 +38,10 @@ public:
     explicit TFileManager(QObject *parent = nullptr);
     ~TFileManager() override;
 
+    // Sets up the model manager with the model host and our folders, unless
+    // someone already did.
+    static void initModelManager();
+
     QString ffmpeg() const;
     QString oiiotool() const;
     QString pyrunner();

@@ -1,5 +1,6 @@
 #include "files/TProcess.h"
 
+#include "aiutils/SystemInfo.h"
 #include "files/FileManagerLogging.h"
 #include "files/TFileManager.h"
 
@@ -16,9 +17,8 @@ TProcess::TProcess(QObject *parent)
     }
     environment.insert(QStringLiteral("KORVEL_AIE_MESSAGES"), QStringLiteral("1"));
     environment.insert(QStringLiteral("KVID_ALWAYS_LOG"), QStringLiteral("1"));
-#ifdef Q_OS_DARWIN
-    environment.insert(QStringLiteral("OPENCV_ENABLE_MEMALIGN"), QStringLiteral("0"));
-#endif
+    if (aiutils::SystemInfo::GetInstance().isApple())
+        environment.insert(QStringLiteral("OPENCV_ENABLE_MEMALIGN"), QStringLiteral("0"));
 }
 
 TProcess::~TProcess()

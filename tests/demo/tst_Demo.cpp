@@ -112,6 +112,7 @@ private slots:
     void screenshotShowsThePositionInBothPanesAndTheFilterOnlyInThePreview_data();
     void screenshotShowsThePositionInBothPanesAndTheFilterOnlyInThePreview();
     void playingAcrossThePreviewKeepsBothPanesOnOneFrame();
+    void machineStepPrintsTheSystemFacts();
     void withoutAVideoASampleIsMadeOnceAndPreviewed();
     void unusableRequestsEndWithAReasonAndNoScreenshot_data();
     void unusableRequestsEndWithAReasonAndNoScreenshot();
@@ -257,6 +258,17 @@ void tst_Demo::playingAcrossThePreviewKeepsBothPanesOnOneFrame()
                  qPrintable(QStringLiteral("%1 stands at %2").arg(shot).arg(position)));
         checkShot(shot, shot == into);
     }
+}
+
+void tst_Demo::machineStepPrintsTheSystemFacts()
+{
+    const DemoRun run = runDemo({QStringLiteral("--script"), QStringLiteral("machine; quit"), clip},
+                                work.filePath(QStringLiteral("media-machine")));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.output));
+    static const QRegularExpression facts(QStringLiteral("kutils-demo: OS: Linux v[0-9.]+\nCPU: .+  [0-9.]+ GB\n"));
+    QVERIFY2(run.output.contains(facts), qPrintable(run.output));
+    // The panel's model map comes from the example catalogue it installed.
+    QVERIFY2(run.output.contains(QStringLiteral("Model Mapping:  3")), qPrintable(run.output));
 }
 
 void tst_Demo::withoutAVideoASampleIsMadeOnceAndPreviewed()
