@@ -117,7 +117,6 @@ private slots:
         QTest::addColumn<qlonglong>("expected");
         QTest::newRow("next on the last frame") << "next" << 3960LL << 0LL;
         QTest::newRow("prev on the first frame") << "prev" << 0LL << 3960LL;
-        QTest::newRow("next inside") << "next" << 1000LL << 1040LL;
         QTest::newRow("end without out point") << "jumpToEnd" << 1000LL << 3960LL;
         QTest::newRow("start without in point") << "jumpToStart" << 1000LL << 0LL;
     }

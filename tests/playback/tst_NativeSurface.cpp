@@ -11,56 +11,38 @@ class tst_NativeSurface : public QObject
     Q_OBJECT
 
 private slots:
-    void scaledRectTruncatesEachSide_data();
-    void scaledRectTruncatesEachSide();
-    void surfaceFollowsTheItemInPhysicalPixels();
-    void surfaceOfAMissingParentStaysInvalid();
+    void scaledRectTruncatesEachSide()
+    {
+        QCOMPARE(os::scaledRect(QRect(3, 5, 7, 9), 1.25), QRect(3, 6, 8, 11));
+        QCOMPARE(os::scaledRect(QRect(1, 1, 101, 33), 1.5), QRect(1, 1, 151, 49));
+    }
+
+    void surfaceFollowsTheItemInPhysicalPixels()
+    {
+        QQuickView view;
+        view.resize(400, 300);
+        MPVObject pane(view.contentItem());
+        pane.setResizeMode(1);
+        pane.setPosition(QPointF(10, 20));
+        pane.setSize(QSizeF(160, 120));
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QCOMPARE(view.devicePixelRatio(), 2.0);
+        QTRY_VERIFY(pane.surface());
+        QVERIFY(pane.surface()->isValid());
+        QTRY_COMPARE(pane.surface()->nativeGeometry(), QRect(20, 40, 320, 240));
+        pane.setSize(QSizeF(100.9, 50));
+        QTRY_COMPARE(pane.surface()->nativeGeometry(), QRect(20, 40, 200, 100));
+    }
+
+    void surfaceOfAMissingParentStaysInvalid()
+    {
+        const os::NativeSurface surface(0x7fffff0);
+        QVERIFY(!surface.isValid());
+        QCOMPARE(surface.handle(), WId(0));
+        QCOMPARE(surface.nativeGeometry(), QRect());
+    }
 };
-
-void tst_NativeSurface::scaledRectTruncatesEachSide_data()
-{
-    QTest::addColumn<QRect>("rect");
-    QTest::addColumn<double>("scale");
-    QTest::addColumn<QRect>("expected");
-    QTest::newRow("unit") << QRect(10, 20, 300, 200) << 1.0 << QRect(10, 20, 300, 200);
-    QTest::newRow("double") << QRect(10, 20, 300, 200) << 2.0 << QRect(20, 40, 600, 400);
-    QTest::newRow("one and a quarter truncates") << QRect(3, 5, 7, 9) << 1.25 << QRect(3, 6, 8, 11);
-    QTest::newRow("one and a half") << QRect(1, 1, 101, 33) << 1.5 << QRect(1, 1, 151, 49);
-}
-
-void tst_NativeSurface::scaledRectTruncatesEachSide()
-{
-    QFETCH(QRect, rect);
-    QFETCH(double, scale);
-    QFETCH(QRect, expected);
-    QCOMPARE(os::scaledRect(rect, scale), expected);
-}
-
-void tst_NativeSurface::surfaceFollowsTheItemInPhysicalPixels()
-{
-    QQuickView view;
-    view.resize(400, 300);
-    MPVObject pane(view.contentItem());
-    pane.setResizeMode(1);
-    pane.setPosition(QPointF(10, 20));
-    pane.setSize(QSizeF(160, 120));
-    view.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&view));
-    QCOMPARE(view.devicePixelRatio(), 2.0);
-    QTRY_VERIFY(pane.surface());
-    QVERIFY(pane.surface()->isValid());
-    QTRY_COMPARE(pane.surface()->nativeGeometry(), QRect(20, 40, 320, 240));
-    pane.setSize(QSizeF(100.9, 50));
-    QTRY_COMPARE(pane.surface()->nativeGeometry(), QRect(20, 40, 200, 100));
-}
-
-void tst_NativeSurface::surfaceOfAMissingParentStaysInvalid()
-{
-    const os::NativeSurface surface(0x7fffff0);
-    QVERIFY(!surface.isValid());
-    QCOMPARE(surface.handle(), WId(0));
-    QCOMPARE(surface.nativeGeometry(), QRect());
-}
 
 QTEST_MAIN(tst_NativeSurface)
 #include "tst_NativeSurface.moc"

@@ -70,7 +70,6 @@ private slots:
         QCOMPARE(info["resolution"].toSize(), QSize(320, 240));
         QCOMPARE(info["duration"].toLongLong(), 667);
         QCOMPARE(info["isTelecined"].toBool(), telecined);
-        QCOMPARE(info["thumbnail"].toString(), "image://thumbnail/u73");
         QCOMPARE(info["thumbnailDiskLocation"].toString(), path("thumbs/u73.jpg"));
         QVERIFY(QFile::exists(path("thumbs/u73.jpg")));
     }
@@ -97,31 +96,21 @@ private slots:
         QCOMPARE(uids, QSet<QString>({"a", "b"}));
     }
 
-    void codecQuestions_data()
-    {
-        QTest::addColumn<int>("codec");
-        QTest::addColumn<QString>("ext");
-        QTest::addColumn<bool>("usable");
-        QTest::addColumn<QString>("name");
-        QTest::newRow("h264 in mp4") << int(AV_CODEC_ID_H264) << "mp4" << true << "h264";
-        QTest::newRow("h264 with a dot") << int(AV_CODEC_ID_H264) << ".mkv" << true << "h264";
-        QTest::newRow("prores not in webm") << int(AV_CODEC_ID_PRORES) << "webm" << false << "prores";
-        QTest::newRow("unknown extension") << int(AV_CODEC_ID_H264) << "nosuchext" << false << "h264";
-    }
+    // The container knowledge is FFmpeg's; what is ours is the answer for an
+    // extension nobody knows, and the name lookup.
     void codecQuestions()
     {
-        QFETCH(int, codec);
-        QFETCH(QString, ext);
-        QFETCH(bool, usable);
-        QFETCH(QString, name);
-        bool answer = !usable;
-        QVERIFY(QMetaObject::invokeMethod(m_info.get(), "isCodecUsableInContainer", Q_RETURN_ARG(bool, answer),
-                                          Q_ARG(int, codec), Q_ARG(QString, ext)));
-        QCOMPARE(answer, usable);
-        QString codecName;
-        QVERIFY(QMetaObject::invokeMethod(m_info.get(), "getCodecName", Q_RETURN_ARG(QString, codecName),
-                                          Q_ARG(int, codec)));
-        QCOMPARE(codecName, name);
+        bool usable = true;
+        QVERIFY(QMetaObject::invokeMethod(m_info.get(), "isCodecUsableInContainer", Q_RETURN_ARG(bool, usable),
+                                          Q_ARG(int, int(AV_CODEC_ID_H264)), Q_ARG(QString, QStringLiteral("nosuchext"))));
+        QVERIFY(!usable);
+        QVERIFY(QMetaObject::invokeMethod(m_info.get(), "isCodecUsableInContainer", Q_RETURN_ARG(bool, usable),
+                                          Q_ARG(int, int(AV_CODEC_ID_H264)), Q_ARG(QString, QStringLiteral(".mkv"))));
+        QVERIFY(usable);
+        QString name;
+        QVERIFY(QMetaObject::invokeMethod(m_info.get(), "getCodecName", Q_RETURN_ARG(QString, name),
+                                          Q_ARG(int, int(AV_CODEC_ID_PRORES))));
+        QCOMPARE(name, QStringLiteral("prores"));
     }
 
     void cleanupTestCase() { m_info.reset(); }

@@ -9,6 +9,7 @@
 
 #include <QTest>
 
+#include <algorithm>
 #include <mutex>
 
 using namespace videoplayer;
@@ -38,15 +39,6 @@ struct Recorder
             commands.append(words);
         });
     }
-    QStringList messages(int level)
-    {
-        const std::lock_guard lock(mutex);
-        QStringList out;
-        for (const auto &record : std::as_const(logs))
-            if (record.level == level)
-                out << record.message;
-        return out;
-    }
 };
 
 } // namespace
@@ -55,356 +47,256 @@ class tst_ViewNode : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void init();
-    void cleanup();
-    void seekTo_data();
-    void seekTo();
-    void syncViewRealignsWithoutMpv_data();
-    void syncViewRealignsWithoutMpv();
-    void updateInfoFromVideoFillsTheNode();
-    void initTimelineForPlayingCopiesThePlayOrder();
-    void timelineSync_data();
-    void timelineSync();
-    void resetOneOnlyLogs_data();
-    void resetOneOnlyLogs();
-    void syncOneSeeksOnlyInsideTheVideo_data();
-    void syncOneSeeksOnlyInsideTheVideo();
-    void setInfosCallsBackOnlyOnChangeInsideTheLock();
-    void timestampsArePublishedTogetherOutsideTheLock();
-    void updateInfoFromVideosTakesTheLockOnce();
-
 private:
-    std::unique_ptr<ViewNode> makeNode(int viewID, std::shared_ptr<MPVObject> mpv);
-
     std::mutex timestampMutex;
     std::mutex infoMutex;
     std::unique_ptr<Recorder> recorder;
     std::vector<std::shared_ptr<MPVObject>> panes;
     std::shared_ptr<Video> input;
     std::shared_ptr<Video> preview;
+
+    std::unique_ptr<ViewNode> makeNode(int viewID, std::shared_ptr<MPVObject> mpv)
+    {
+        if (mpv) {
+            recorder->watch(*mpv);
+            // Nodes only hold the use of a pane; the scene (here the test) owns it.
+            panes.push_back(mpv);
+        }
+        return std::make_unique<ViewNode>(viewID, 0, QVariantMap{}, std::move(mpv), 1.0f, ViewNode::FrameRange{0, 0},
+                                          0.0, 1.0, nullptr, nullptr, &timestampMutex, &infoMutex);
+    }
+
+private slots:
+    void init()
+    {
+        recorder = std::make_unique<Recorder>();
+        ConsoleLogger::setCaptureSink([r = recorder.get()](const ConsoleLogger::Record &record) {
+            const std::lock_guard lock(r->mutex);
+            r->logs.append(record);
+        });
+        input = makeVideo(1, 0, 10000, "/in.mp4", 1.0, 10000);
+        // A preview over 2000..3000 of the input, rendered at slow motion 2.
+        preview = makeVideo(2, 2000, 1000, "/a.mp4", 2.0, 2000);
+    }
+
+    void cleanup()
+    {
+        ConsoleLogger::setCaptureSink({});
+        panes.clear();
+    }
+
+    void seekToRefusesWhatItCannotSeek_data()
+    {
+        QTest::addColumn<bool>("withMpv");
+        QTest::addColumn<qint64>("position");
+        QTest::newRow("pane without mpv") << false << qint64(500);
+        QTest::newRow("negative position") << true << qint64(-1);
+    }
+
+    void seekToRefusesWhatItCannotSeek()
+    {
+        QFETCH(bool, withMpv);
+        QFETCH(qint64, position);
+        auto node = makeNode(0, withMpv ? std::make_shared<MPVObject>() : nullptr);
+        node->truthTS = 7;
+        int calls = 0;
+        node->timestampChanged = [&calls] { ++calls; };
+        QVERIFY(!node->seekTo(position));
+        QCOMPARE(node->truthTS.load(), qint64(7));
+        QCOMPARE(calls, 0);
+        QVERIFY(recorder->commands.isEmpty());
+        // A refused seek says why.
+        QCOMPARE(std::count_if(recorder->logs.begin(), recorder->logs.end(),
+                               [](const auto &record) { return record.level == ConsoleLogger::Warn; }),
+                 1);
+        // The input's node has no pane and takes any position.
+        auto in = makeNode(-1, nullptr);
+        QVERIFY(in->seekTo(-1));
+        QCOMPARE(in->getTimestamp(), -1);
+    }
+
+    void syncViewRealignsWithoutMpv_data()
+    {
+        QTest::addColumn<qint64>("truth");
+        QTest::addColumn<double>("slowmotion");
+        QTest::addColumn<int>("timestamp");
+        QTest::addColumn<qint64>("truthAfter");
+        // The preview starts at 2000.
+        QTest::newRow("before the start") << qint64(1500) << 1.0 << 0 << qint64(2000);
+        QTest::newRow("factor 1.5 counts as 1") << qint64(2600) << 1.5 << 600 << qint64(2600);
+        // The way back to truthTS leaves the factor out.
+        QTest::newRow("factor 2") << qint64(2300) << 2.0 << 600 << qint64(2600);
+    }
+
+    void syncViewRealignsWithoutMpv()
+    {
+        QFETCH(qint64, truth);
+        QFETCH(double, slowmotion);
+        QFETCH(int, timestamp);
+        QFETCH(qint64, truthAfter);
+        auto node = makeNode(0, std::make_shared<MPVObject>());
+        preview->slowmotion = slowmotion;
+        node->currentVideo = preview;
+        node->truthTS = truth;
+        node->SyncView();
+        QCOMPARE(node->getTimestamp(), timestamp);
+        QCOMPARE(node->mpvTS.load(), qint64(timestamp));
+        QCOMPARE(node->truthTS.load(), truthAfter);
+        QVERIFY(recorder->commands.isEmpty());
+    }
+
+    void timelineSync_data()
+    {
+        QTest::addColumn<bool>("withPreview");
+        QTest::addColumn<qint64>("startAt");
+        QTest::addColumn<QString>("mpvPath");
+        QTest::addColumn<qint64>("timePos");
+        QTest::addColumn<bool>("isEOF");
+        QTest::addColumn<qint64>("truth");
+        QTest::addColumn<int>("index");
+        QTest::addColumn<QString>("loaded");
+        // Timeline: I (0, 1999), A (2000, 3000) at slow motion 2, I (3001, 10000).
+        QTest::newRow("before the stretch clamps to its start")
+            << true << qint64(2500) << "/a.mp4" << qint64(-100) << false << qint64(2000) << 1 << "";
+        QTest::newRow("end of file reported for the old file is stale")
+            << true << qint64(2500) << "/old.mp4" << qint64(900) << true << qint64(-7) << 1 << "";
+        QTest::newRow("the last stretch wraps to the first")
+            << true << qint64(5000) << "/in.mp4" << qint64(10000) << true << qint64(0) << 0
+            << "loadfile /in.mp4 replace start=+0.000000";
+        QTest::newRow("a lone input clamps instead of reloading")
+            << false << qint64(500) << "/in.mp4" << qint64(20000) << true << qint64(0) << 0 << "";
+    }
+
+    void timelineSync()
+    {
+        QFETCH(bool, withPreview);
+        QFETCH(qint64, startAt);
+        QFETCH(QString, mpvPath);
+        QFETCH(qint64, timePos);
+        QFETCH(bool, isEOF);
+        QFETCH(qint64, truth);
+        QFETCH(int, index);
+        QFETCH(QString, loaded);
+        auto mpv = std::make_shared<MPVObject>();
+        auto node = makeNode(0, mpv);
+        node->initTimelineForPlaying(100); // no timeline yet: nothing to play
+        QVERIFY(node->playbackVideos.empty());
+        node->timeline = std::make_shared<Timeline>();
+        node->timeline->setInput(input);
+        if (withPreview)
+            node->timeline->addVideo(preview);
+        node->initTimelineForPlaying(startAt);
+        // Later edits of the timeline do not reach the play order.
+        node->timeline->deletePreview(2);
+        node->updateInfoFromVideo(node->currentVideo);
+        mpv->load(mpvPath);
+        recorder->commands.clear();
+        node->truthTS = -7;
+        node->timelineSyncEnabled = true;
+
+        node->mpvTimelineSync(timePos, isEOF);
+        QCOMPARE(node->truthTS.load(), truth);
+        QCOMPARE(node->playbackIndex, index);
+        QStringList sent;
+        for (QStringList words : std::as_const(recorder->commands)) {
+            words.removeAll(QStringLiteral("-1")); // the playlist index of newer libmpv
+            sent << words.join(' ');
+        }
+        QCOMPARE(sent, loaded.isEmpty() ? QStringList() : QStringList{loaded});
+        if (!loaded.isEmpty())
+            QCOMPARE(node->currentRange, node->playbackRanges[size_t(index)]);
+    }
+
+    void syncOneSeeksOnlyInsideTheVideo_data()
+    {
+        QTest::addColumn<int>("inputTs");
+        QTest::addColumn<QString>("sent");
+        // The left pane shows frames 2000..2960 at slow motion 2.
+        QTest::newRow("first frame") << 2000 << "seek 0.000000 absolute+exact";
+        QTest::newRow("last frame") << 2960 << "seek 1.920000 absolute+exact";
+        QTest::newRow("after the last frame") << 2961 << "";
+        QTest::newRow("before the video") << 1999 << "";
+    }
+
+    void syncOneSeeksOnlyInsideTheVideo()
+    {
+        QFETCH(int, inputTs);
+        QFETCH(QString, sent);
+        auto in = makeNode(-1, nullptr);
+        auto left = makeNode(0, std::make_shared<MPVObject>());
+        ViewNodeManager manager({{-1, in.get()}, {0, left.get()}}, &timestampMutex, &infoMutex, {}, {}, {}, {}, {}, {});
+        left->frameRange = {2000, 2960};
+        left->slowMotion = 2.0f;
+        in->setTimestamp(inputTs);
+        manager.syncOne(0, false);
+        QCOMPARE(recorder->commands.isEmpty() ? QString() : recorder->commands.first().join(' '), sent);
+        // Views the manager does not hold are refused without a command.
+        recorder->commands.clear();
+        for (int view : {-1, 5})
+            manager.resetOne(view, true);
+        QVERIFY(recorder->commands.isEmpty());
+    }
+
+    void setInfosCallsBackOnlyOnChangeInsideTheLock()
+    {
+        auto in = makeNode(-1, nullptr);
+        auto left = makeNode(0, nullptr);
+        int calls = 0;
+        bool lockedDuringCall = false;
+        const auto onInfo = [&] {
+            ++calls;
+            lockedDuringCall = !infoMutex.try_lock();
+            if (!lockedDuringCall)
+                infoMutex.unlock();
+        };
+        ViewNodeManager manager({{-1, in.get()}, {0, left.get()}}, &timestampMutex, &infoMutex, {}, {}, {}, onInfo, {},
+                                {});
+        manager.setInfos({{QVariantMap(), 0}});
+        QCOMPARE(calls, 0); // empty and null maps are equal
+        manager.setInfos({{QVariantMap{{"fps", 25.0}}, 0}, {QVariantMap{{"fps", 30.0}}, 7}});
+        QCOMPARE(calls, 1);
+        QVERIFY(lockedDuringCall);
+        manager.setInfos({{QVariantMap{{"fps", 25.0}}, 0}});
+        QCOMPARE(calls, 1);
+        QCOMPARE(left->getInfo(), (QVariantMap{{"fps", 25.0}}));
+    }
+
+    void timestampsArePublishedTogetherOutsideTheLock()
+    {
+        auto in = makeNode(-1, nullptr);
+        auto left = makeNode(0, nullptr);
+        auto right = makeNode(1, nullptr);
+        QList<QList<int>> seen;
+        const auto snapshot = [&] { seen.append({in->getTimestamp(), left->getTimestamp(), right->getTimestamp()}); };
+        ViewNodeManager manager({{-1, in.get()}, {0, left.get()}, {1, right.get()}}, &timestampMutex, &infoMutex,
+                                snapshot, {}, snapshot, {}, snapshot, {});
+        manager.setAllTimestamps(4200);
+        QCOMPARE(seen, (QList<QList<int>>{{4200, 4200, 4200}, {4200, 4200, 4200}, {4200, 4200, 4200}}));
+        seen.clear();
+        manager.setTimestamps({{10, 0}, {20, 1}, {30, 9}});
+        QCOMPARE(seen, (QList<QList<int>>{{4200, 10, 20}, {4200, 10, 20}}));
+    }
+
+    void updateInfoFromVideosTakesTheLockOnce()
+    {
+        auto in = makeNode(-1, nullptr);
+        auto left = makeNode(0, nullptr);
+        int calls = 0;
+        ViewNodeManager manager({{-1, in.get()}, {0, left.get()}}, &timestampMutex, &infoMutex, {},
+                                [&calls] { ++calls; }, {}, [&calls] { ++calls; }, {}, {});
+        left->setInfo({{"kept", true}});
+        manager.updateInfoFromVideos(); // no video yet: the info stays
+        QCOMPARE(left->getInfo(), (QVariantMap{{"kept", true}}));
+        calls = 0;
+        in->currentVideo = input;
+        left->currentVideo = preview;
+        manager.updateInfoFromVideos(); // would deadlock if a node took the lock again
+        QCOMPARE(calls, 2);
+        QCOMPARE(left->getInfo(), preview->info);
+        QCOMPARE(left->slowMotion, 2.0f);
+        QCOMPARE(in->frameRange, (ViewNode::FrameRange{0, 9960}));
+    }
 };
-
-void tst_ViewNode::init()
-{
-    recorder = std::make_unique<Recorder>();
-    ConsoleLogger::setCaptureSink([r = recorder.get()](const ConsoleLogger::Record &record) {
-        const std::lock_guard lock(r->mutex);
-        r->logs.append(record);
-    });
-    input = makeVideo(1, 0, 10000, "/in.mp4", 1.0, 10000);
-    // A preview over 2000..3000 of the input, rendered at slow motion 2.
-    preview = makeVideo(2, 2000, 1000, "/a.mp4", 2.0, 2000);
-}
-
-void tst_ViewNode::cleanup()
-{
-    ConsoleLogger::setCaptureSink({});
-    panes.clear();
-}
-
-std::unique_ptr<ViewNode> tst_ViewNode::makeNode(int viewID, std::shared_ptr<MPVObject> mpv)
-{
-    if (mpv) {
-        recorder->watch(*mpv);
-        // Nodes only hold the use of a pane; the scene (here the test) owns it.
-        panes.push_back(mpv);
-    }
-    return std::make_unique<ViewNode>(viewID, 0, QVariantMap{}, std::move(mpv), 1.0f, ViewNode::FrameRange{0, 0},
-                                      0.0, 1.0, nullptr, nullptr, &timestampMutex, &infoMutex);
-}
-
-void tst_ViewNode::seekTo_data()
-{
-    QTest::addColumn<int>("viewID");
-    QTest::addColumn<bool>("withMpv");
-    QTest::addColumn<qint64>("position");
-    QTest::addColumn<bool>("ok");
-    QTest::addColumn<int>("timestamp");
-    QTest::addColumn<qint64>("truth");
-    QTest::addColumn<QString>("sent");
-    QTest::addColumn<QString>("warning");
-    QTest::newRow("input takes any position") << -1 << false << qint64(-1) << true << -1 << qint64(7) << "" << "";
-    QTest::newRow("pane without mpv") << 0 << false << qint64(500) << false << 0 << qint64(7) << ""
-                                      << "Cannot seekTo, MPV isn't valid!";
-    QTest::newRow("negative position") << 0 << true << qint64(-1) << false << 0 << qint64(7) << ""
-                                       << "cannot seekTo, Invalid seek timestamp (< 0)";
-    QTest::newRow("slow motion 2 from 1000") << 0 << true << qint64(500) << true << 500 << qint64(1250)
-                                             << "seek 0.500000 absolute+exact" << "";
-}
-
-void tst_ViewNode::seekTo()
-{
-    QFETCH(int, viewID);
-    QFETCH(bool, withMpv);
-    QFETCH(qint64, position);
-    QFETCH(bool, ok);
-    QFETCH(int, timestamp);
-    QFETCH(qint64, truth);
-    QFETCH(QString, sent);
-    QFETCH(QString, warning);
-    auto node = makeNode(viewID, withMpv ? std::make_shared<MPVObject>() : nullptr);
-    node->slowMotion = 2.0f;
-    node->frameRange = {1000, 1960};
-    node->truthTS = 7;
-    int calls = 0;
-    node->timestampChanged = [&calls] { ++calls; };
-    QCOMPARE(node->seekTo(position), ok);
-    QCOMPARE(node->getTimestamp(), timestamp);
-    QCOMPARE(node->truthTS.load(), truth);
-    QCOMPARE(calls, ok ? 1 : 0);
-    QCOMPARE(recorder->commands.isEmpty() ? QString() : recorder->commands.first().join(' '), sent);
-    QCOMPARE(recorder->messages(ConsoleLogger::Warn), warning.isEmpty() ? QStringList() : QStringList{warning});
-}
-
-void tst_ViewNode::syncViewRealignsWithoutMpv_data()
-{
-    QTest::addColumn<qint64>("truth");
-    QTest::addColumn<double>("slowmotion");
-    QTest::addColumn<int>("timestamp");
-    QTest::addColumn<qint64>("truthAfter");
-    // The preview starts at 2000.
-    QTest::newRow("before the start") << qint64(1500) << 1.0 << 0 << qint64(2000);
-    QTest::newRow("factor 1.5 counts as 1") << qint64(2600) << 1.5 << 600 << qint64(2600);
-    // The way back to truthTS leaves the factor out.
-    QTest::newRow("factor 2") << qint64(2300) << 2.0 << 600 << qint64(2600);
-}
-
-void tst_ViewNode::syncViewRealignsWithoutMpv()
-{
-    QFETCH(qint64, truth);
-    QFETCH(double, slowmotion);
-    QFETCH(int, timestamp);
-    QFETCH(qint64, truthAfter);
-    auto node = makeNode(0, std::make_shared<MPVObject>());
-    preview->slowmotion = slowmotion;
-    node->currentVideo = preview;
-    node->truthTS = truth;
-    node->SyncView();
-    QCOMPARE(node->getTimestamp(), timestamp);
-    QCOMPARE(node->mpvTS.load(), qint64(timestamp));
-    QCOMPARE(node->truthTS.load(), truthAfter);
-    QVERIFY(recorder->commands.isEmpty());
-}
-
-void tst_ViewNode::updateInfoFromVideoFillsTheNode()
-{
-    auto node = makeNode(1, nullptr);
-    node->setInfo({{"kept", true}});
-    node->updateInfoFromVideo(nullptr);
-    QCOMPARE(node->getInfo(), (QVariantMap{{"kept", true}}));
-    QCOMPARE(recorder->messages(ConsoleLogger::Critical),
-             QStringList{QStringLiteral("->->-> Failed updateInfoFromVideo in ViewNode in \t")});
-
-    int infoCalls = 0;
-    node->infoChanged = [&infoCalls] { ++infoCalls; };
-    preview->sar = 1.5;
-    node->updateInfoFromVideo(preview);
-    QCOMPARE(infoCalls, 1);
-    QCOMPARE(node->getInfo(), preview->info);
-    QCOMPARE(node->frameRange, (ViewNode::FrameRange{2000, 1960}));
-    QCOMPARE(node->slowMotion, 2.0f);
-    QCOMPARE(node->framerate, 25.0);
-    QCOMPARE(node->sar, 1.5);
-}
-
-void tst_ViewNode::initTimelineForPlayingCopiesThePlayOrder()
-{
-    auto node = makeNode(0, nullptr);
-    node->initTimelineForPlaying(100); // no timeline yet: nothing to copy
-    QVERIFY(node->playbackVideos.empty());
-    node->timeline = std::make_shared<Timeline>();
-    node->timeline->setInput(input);
-    node->timeline->addVideo(preview);
-    node->initTimelineForPlaying(2500);
-    QCOMPARE(node->playbackVideos.size(), size_t(3));
-    QCOMPARE(node->playbackIndex, 1);
-    QCOMPARE(node->currentVideo, preview);
-    QCOMPARE(node->playbackRanges[1], TimeRange(2000, 3000));
-    // Later edits of the timeline do not reach the copy.
-    node->timeline->deletePreview(2);
-    QCOMPARE(node->playbackVideos.size(), size_t(3));
-}
-
-void tst_ViewNode::timelineSync_data()
-{
-    QTest::addColumn<bool>("withPreview");
-    QTest::addColumn<qint64>("startAt");
-    QTest::addColumn<QString>("mpvPath");
-    QTest::addColumn<bool>("enabled");
-    QTest::addColumn<qint64>("timePos");
-    QTest::addColumn<bool>("isEOF");
-    QTest::addColumn<qint64>("truth");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<QString>("loaded");
-    // Timeline: I (0, 1999), A (2000, 3000) at slow motion 2, I (3001, 10000).
-    QTest::newRow("sync off changes nothing")
-        << true << qint64(2500) << "/a.mp4" << false << qint64(500) << false << qint64(-7) << 1 << "";
-    QTest::newRow("inside a slow-motion preview")
-        << true << qint64(2500) << "/a.mp4" << true << qint64(500) << false << qint64(2250) << 1 << "";
-    QTest::newRow("before the stretch clamps to its start")
-        << true << qint64(2500) << "/a.mp4" << true << qint64(-100) << false << qint64(2000) << 1 << "";
-    QTest::newRow("end of the preview moves to the input")
-        << true << qint64(2500) << "/a.mp4" << true << qint64(2000) << false << qint64(3001) << 2
-        << "loadfile /in.mp4 replace start=+3.001000";
-    QTest::newRow("end of file reported for the old file is stale")
-        << true << qint64(2500) << "/old.mp4" << true << qint64(900) << true << qint64(-7) << 1 << "";
-    QTest::newRow("the last stretch wraps to the first")
-        << true << qint64(5000) << "/in.mp4" << true << qint64(10000) << true << qint64(0) << 0
-        << "loadfile /in.mp4 replace start=+0.000000";
-    QTest::newRow("a lone input clamps instead of reloading")
-        << false << qint64(500) << "/in.mp4" << true << qint64(20000) << true << qint64(0) << 0 << "";
-}
-
-void tst_ViewNode::timelineSync()
-{
-    QFETCH(bool, withPreview);
-    QFETCH(qint64, startAt);
-    QFETCH(QString, mpvPath);
-    QFETCH(bool, enabled);
-    QFETCH(qint64, timePos);
-    QFETCH(bool, isEOF);
-    QFETCH(qint64, truth);
-    QFETCH(int, index);
-    QFETCH(QString, loaded);
-    auto mpv = std::make_shared<MPVObject>();
-    auto node = makeNode(0, mpv);
-    node->timeline = std::make_shared<Timeline>();
-    node->timeline->setInput(input);
-    if (withPreview)
-        node->timeline->addVideo(preview);
-    node->initTimelineForPlaying(startAt);
-    node->updateInfoFromVideo(node->currentVideo);
-    mpv->load(mpvPath);
-    recorder->commands.clear();
-    node->truthTS = -7;
-    node->timelineSyncEnabled = enabled;
-
-    node->mpvTimelineSync(timePos, isEOF);
-    QCOMPARE(node->truthTS.load(), truth);
-    QCOMPARE(node->playbackIndex, index);
-    QStringList sent;
-    for (QStringList words : std::as_const(recorder->commands)) {
-        words.removeAll(QStringLiteral("-1")); // the playlist index of newer libmpv
-        sent << words.join(' ');
-    }
-    QCOMPARE(sent, loaded.isEmpty() ? QStringList() : QStringList{loaded});
-    if (!loaded.isEmpty())
-        QCOMPARE(node->currentRange, node->playbackRanges[size_t(index)]);
-}
-
-void tst_ViewNode::resetOneOnlyLogs_data()
-{
-    QTest::addColumn<int>("view");
-    QTest::addColumn<QStringList>("logged");
-    QTest::newRow("input is refused") << -1 << QStringList{};
-    QTest::newRow("left") << 0 << QStringList{"resetOne(LEFT)"};
-    QTest::newRow("right") << 1 << QStringList{"resetOne(RIGHT)"};
-    QTest::newRow("unknown view") << 5 << QStringList{};
-}
-
-void tst_ViewNode::resetOneOnlyLogs()
-{
-    QFETCH(int, view);
-    QFETCH(QStringList, logged);
-    auto in = makeNode(-1, nullptr);
-    auto left = makeNode(0, std::make_shared<MPVObject>());
-    auto right = makeNode(1, std::make_shared<MPVObject>());
-    ViewNodeManager manager({{-1, in.get()}, {0, left.get()}, {1, right.get()}}, &timestampMutex, &infoMutex, {}, {},
-                            {}, {}, {}, {});
-    QCOMPARE(manager.numberOfViews, 2);
-    recorder->logs.clear();
-    manager.resetOne(view, true);
-    QStringList messages;
-    for (const auto &record : std::as_const(recorder->logs))
-        if (record.prefix.startsWith(QStringLiteral("ViewNodeManager")))
-            messages << record.message;
-    QCOMPARE(messages, logged);
-    QVERIFY(recorder->commands.isEmpty());
-}
-
-void tst_ViewNode::syncOneSeeksOnlyInsideTheVideo_data()
-{
-    QTest::addColumn<int>("inputTs");
-    QTest::addColumn<QString>("sent");
-    // The left pane shows frames 2000..2960 at slow motion 2.
-    QTest::newRow("inside") << 2500 << "seek 1.000000 absolute+exact";
-    QTest::newRow("first frame") << 2000 << "seek 0.000000 absolute+exact";
-    QTest::newRow("last frame") << 2960 << "seek 1.920000 absolute+exact";
-    QTest::newRow("after the last frame") << 2961 << "";
-    QTest::newRow("before the video") << 1999 << "";
-}
-
-void tst_ViewNode::syncOneSeeksOnlyInsideTheVideo()
-{
-    QFETCH(int, inputTs);
-    QFETCH(QString, sent);
-    auto in = makeNode(-1, nullptr);
-    auto left = makeNode(0, std::make_shared<MPVObject>());
-    ViewNodeManager manager({{-1, in.get()}, {0, left.get()}}, &timestampMutex, &infoMutex, {}, {}, {}, {}, {}, {});
-    left->frameRange = {2000, 2960};
-    left->slowMotion = 2.0f;
-    in->setTimestamp(inputTs);
-    manager.syncOne(0, false);
-    QCOMPARE(recorder->commands.isEmpty() ? QString() : recorder->commands.first().join(' '), sent);
-    QVERIFY(recorder->messages(ConsoleLogger::Info).contains(QStringLiteral("resetOne(LEFT)")));
-}
-
-void tst_ViewNode::setInfosCallsBackOnlyOnChangeInsideTheLock()
-{
-    auto in = makeNode(-1, nullptr);
-    auto left = makeNode(0, nullptr);
-    int calls = 0;
-    bool lockedDuringCall = false;
-    const auto onInfo = [&] {
-        ++calls;
-        lockedDuringCall = !infoMutex.try_lock();
-        if (!lockedDuringCall)
-            infoMutex.unlock();
-    };
-    ViewNodeManager manager({{-1, in.get()}, {0, left.get()}}, &timestampMutex, &infoMutex, {}, {}, {}, onInfo, {},
-                            {});
-    manager.setInfos({{QVariantMap(), 0}});
-    QCOMPARE(calls, 0); // empty and null maps are equal
-    manager.setInfos({{QVariantMap{{"fps", 25.0}}, 0}, {QVariantMap{{"fps", 30.0}}, 7}});
-    QCOMPARE(calls, 1);
-    QVERIFY(lockedDuringCall);
-    manager.setInfos({{QVariantMap{{"fps", 25.0}}, 0}});
-    QCOMPARE(calls, 1);
-    QCOMPARE(left->getInfo(), (QVariantMap{{"fps", 25.0}}));
-}
-
-void tst_ViewNode::timestampsArePublishedTogetherOutsideTheLock()
-{
-    auto in = makeNode(-1, nullptr);
-    auto left = makeNode(0, nullptr);
-    auto right = makeNode(1, nullptr);
-    QList<QList<int>> seen;
-    const auto snapshot = [&] { seen.append({in->getTimestamp(), left->getTimestamp(), right->getTimestamp()}); };
-    ViewNodeManager manager({{-1, in.get()}, {0, left.get()}, {1, right.get()}}, &timestampMutex, &infoMutex,
-                            snapshot, {}, snapshot, {}, snapshot, {});
-    manager.setAllTimestamps(4200);
-    QCOMPARE(seen, (QList<QList<int>>{{4200, 4200, 4200}, {4200, 4200, 4200}, {4200, 4200, 4200}}));
-    seen.clear();
-    manager.setTimestamps({{10, 0}, {20, 1}, {30, 9}});
-    QCOMPARE(seen, (QList<QList<int>>{{4200, 10, 20}, {4200, 10, 20}}));
-}
-
-void tst_ViewNode::updateInfoFromVideosTakesTheLockOnce()
-{
-    auto in = makeNode(-1, nullptr);
-    auto left = makeNode(0, nullptr);
-    int calls = 0;
-    ViewNodeManager manager({{-1, in.get()}, {0, left.get()}}, &timestampMutex, &infoMutex, {},
-                            [&calls] { ++calls; }, {}, [&calls] { ++calls; }, {}, {});
-    in->currentVideo = input;
-    left->currentVideo = preview;
-    manager.updateInfoFromVideos(); // would deadlock if a node took the lock again
-    QCOMPARE(calls, 2);
-    QCOMPARE(left->getInfo(), preview->info);
-    QCOMPARE(left->slowMotion, 2.0f);
-    QCOMPARE(in->frameRange, (ViewNode::FrameRange{0, 9960}));
-}
 
 QTEST_MAIN(tst_ViewNode)
 #include "tst_ViewNode.moc"
