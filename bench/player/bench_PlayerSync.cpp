@@ -114,6 +114,7 @@ struct Bench
                                [&](double b) { return std::abs(ms - b) < 80; });
         };
         std::vector<double> steady, boundary, photoSteady, photoBoundary;
+        double photoLead = 0;  // right minus left, summed over steady photographs
         player->play();
         QElapsedTimer guard;
         guard.start();
@@ -134,7 +135,10 @@ struct Bench
             const double shownLeft = playermedia::frameShown(grab, QRect(40, 40, 240, 160));
             const double shownRight = playermedia::frameShown(grab, QRect(360, 40, 240, 160));
             const bool nearInPicture = nearBoundary(shownLeft * 40) || nearBoundary(shownRight * 40);
-            (nearInPicture ? photoBoundary : photoSteady).push_back(std::abs(std::round(shownLeft) - std::round(shownRight)));
+            const double lead = std::round(shownRight) - std::round(shownLeft);
+            (nearInPicture ? photoBoundary : photoSteady).push_back(std::abs(lead));
+            if (!nearInPicture)
+                photoLead += lead;
         }
         player->pause();
         (void)QTest::qWaitFor([&] { return player->isIdle() && !player->getIsPlaying(); }, 5000);
@@ -144,6 +148,8 @@ struct Bench
         printRow("mpv positions, within 2 frames of a cut", boundary);
         printRow("photographs, steady", photoSteady);
         printRow("photographs, within 2 frames of a cut", photoBoundary);
+        std::printf("  %-34s %+5.2f frames (right minus left)\n", "photographs, steady, mean",
+                    photoSteady.empty() ? 0.0 : photoLead / static_cast<double>(photoSteady.size()));
     }
 
     void bursts(const char *title)
