@@ -20,7 +20,6 @@ private slots:
         QTest::addColumn<int>("first");
         QTest::addColumn<int>("last");
         QTest::addColumn<int>("maxTests");
-
         const QString padded = QStringLiteral("/a/b/frame_%05d.exr");
         QTest::newRow("12 to 20 from 12") << padded << 12LL << 20LL << "/a/b/frame_00012.exr" << 12 << 20 << 12;
         QTest::newRow("3 to 20 from 12") << padded << 3LL << 20LL << "/a/b/frame_00012.exr" << 3 << 20 << 22;
@@ -49,13 +48,11 @@ private slots:
         QFETCH(int, first);
         QFETCH(int, last);
         QFETCH(int, maxTests);
-
         QSet<QString> files;
         const FramePattern pattern = FramePattern::fromFormat(onDisk, lowest);
         QVERIFY(pattern.valid);
         for (qint64 frame = lowest; frame <= highest; ++frame)
             files.insert(pattern.frameName(frame));
-
         int tests = 0;
         const FrameRange range = findFrameRange(path, [&](const QString &name) {
             ++tests;

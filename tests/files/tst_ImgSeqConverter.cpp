@@ -81,7 +81,6 @@ private slots:
         const auto expand = [&](QString text) {
             return text.replace(u"<tool>"_s, tool()).replace(u"<dir>"_s, dir.path());
         };
-
         ImgSeqConverter converter;
         QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
         LogCapture log;
@@ -109,7 +108,6 @@ private slots:
         constexpr int frames = 10;
         for (int frame = 2; frame <= frames; ++frame)
             QVERIFY(QFile::copy(input, input.chopped(6) + u"%1.exr"_s.arg(frame, 2, 10, QLatin1Char('0'))));
-
         QDir().mkpath(work.filePath(u"progress out"_s));
         ImgSeqConverter converter;
         QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
@@ -150,7 +148,6 @@ private slots:
                 this, [&] { converter.closeKey(key); });
         QDir().mkpath(dir.filePath(u"out"_s));
         converter.convert(false, input, dir.filePath(u"out/frame_000001.exr"_s), QString(), postInputArgs);
-
         QTRY_COMPARE_WITH_TIMEOUT(forced.count(), 1, 30000);
         // The record has gone: asking again makes a fresh, empty one.
         QTRY_COMPARE(converter.getSpawned(key), 0);
@@ -181,7 +178,6 @@ private slots:
         const QString output = dir.filePath(u"norm/frame_000001.exr"_s);
         QDir().mkpath(QFileInfo(output).path());
         const QString key = TFileManager().makeFormatString(input);
-
         ImgSeqConverter converter;
         QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
         LogCapture log;
@@ -190,13 +186,11 @@ private slots:
         QCOMPARE(forced.count(), 0);
         QCOMPARE(converter.getScannedMax(key), 4.0);
         QCOMPARE(converter.getCompleted(key), 3);
-
         const QString second = dir.filePath(u"norm/frame_000002.exr"_s);
         QCOMPARE(oiiostats::sequenceMax(oiioOutput(u"\"%1\" --printstats"_s.arg(second))), 1.0);
         QCOMPARE(oiiostats::channelList(oiioOutput(u"--info -v \"%1\""_s.arg(second))).join(','), kept);
         if (kept.endsWith(u",A")) // alpha is carried over bit for bit
             QVERIFY(oiio(u"\"%1\" --ch A \"%2\" --ch A --fail 0 --diff"_s.arg(input, output)));
-
         converter.stretchExr(output, 0.0, converter.getScannedMax(key));
         QTRY_VERIFY_WITH_TIMEOUT(log.contains(u"[StretchExr] Temp directory cleaned:"_s), 60000);
         QVERIFY(!QFileInfo::exists(dir.filePath(u"norm/tmp_stretch"_s)));
@@ -226,7 +220,6 @@ private slots:
         const QString broken = dir.filePath(u"frame_000002.exr"_s);
         QVERIFY(writeFile(broken, "broken frame"));
         const QByteArray before = readFileBytes(first);
-
         ImgSeqConverter converter;
         QSignalSpy ended(&converter,
                          stretch ? &ImgSeqConverter::subprocessCompleted : &ImgSeqConverter::processForcedClose);

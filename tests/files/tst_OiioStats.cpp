@@ -30,7 +30,6 @@ private slots:
         QFETCH(double, sequenceMax);
         QFETCH(double, firstWide);
         QFETCH(qint64, nans);
-
         QCOMPARE(oiiostats::sequenceMax(output), sequenceMax);
         QCOMPARE(oiiostats::firstWideValue(output), firstWide);
         QCOMPARE(oiiostats::nonFiniteCount(output, QStringLiteral("Stats NanCount:")), nans);

@@ -53,7 +53,6 @@ private slots:
         QCOMPARE(manager.getModelInfo(aiengine::allModels).size(), 4u);
         QCOMPARE(manager.getModelInfo("upscale-3")["version"].get<std::string>(), "3");
         QVERIFY(manager.getModelInfo("nothing-1").is_null());
-
         // No catalogue: no models until one is installed; a broken one has none either.
         manager.setModelDirPath(m_dir.path(), m_dir.path());
         QVERIFY(manager.getModelInfo().empty());
@@ -136,34 +135,32 @@ private slots:
 
     void preferredBackend_data()
     {
-        QTest::addColumn<bool>("apple");
         QTest::addColumn<int>("device");
         QTest::addColumn<std::set<std::string>>("offered");
-        QTest::addColumn<float>("minVersion");
+        QTest::addColumn<float>("appleMinimum"); // 0: not an Apple machine
         QTest::addColumn<QString>("expected");
         QTest::addColumn<int>("capability");
         const std::set<std::string> all{"cpu", "cuda", "vulkan", "coreml"};
-        QTest::newRow("CPU") << false << -1 << all << 10.15f << "cpu" << 0;
-        QTest::newRow("CUDA GPU") << false << 0 << all << 10.15f << "cuda" << 86;
-        QTest::newRow("other GPU") << false << 1 << all << 10.15f << "vulkan" << 0;
-        QTest::newRow("GPU, only CPU offered") << false << 1 << std::set<std::string>{"cpu"} << 10.15f << "cpu" << 0;
-        QTest::newRow("nothing offered") << false << 0 << std::set<std::string>{"odd"} << 10.15f << "none" << 86;
-        QTest::newRow("past the end") << false << 2 << all << 10.15f << "none" << 0;
-        QTest::newRow("below the CPU") << false << -2 << all << 10.15f << "none" << 0;
-        QTest::newRow("Apple, system too old") << true << 1 << all << 13.0f << "vulkan" << 0;
-        QTest::newRow("Apple") << true << 1 << all << 10.15f << "coreml" << 0;
+        QTest::newRow("CPU") << -1 << all << 0.0f << "cpu" << 0;
+        QTest::newRow("CUDA GPU") << 0 << all << 0.0f << "cuda" << 86;
+        QTest::newRow("other GPU") << 1 << all << 0.0f << "vulkan" << 0;
+        QTest::newRow("GPU, only CPU offered") << 1 << std::set<std::string>{"cpu"} << 0.0f << "cpu" << 0;
+        QTest::newRow("nothing offered") << 0 << std::set<std::string>{"odd"} << 0.0f << "none" << 86;
+        QTest::newRow("past the end") << 2 << all << 0.0f << "none" << 0;
+        QTest::newRow("below the CPU") << -2 << all << 0.0f << "none" << 0;
+        QTest::newRow("Apple, system too old") << 1 << all << 13.0f << "vulkan" << 0;
+        QTest::newRow("Apple") << 1 << all << 10.15f << "coreml" << 0;
     }
 
     void preferredBackend()
     {
-        QFETCH(bool, apple);
         QFETCH(int, device);
         QFETCH(std::set<std::string>, offered);
-        QFETCH(float, minVersion);
+        QFETCH(float, appleMinimum);
         QFETCH(QString, expected);
         QFETCH(int, capability);
-        const DeviceSelector selector({{"NVIDIA", 8.0, 0, 86}, {"AMD", 16.0, -1, 0}}, apple, 12.0f);
-        const int code = selector.preferredBackend(device, offered, minVersion);
+        const DeviceSelector selector({{"NVIDIA", 8.0, 0, 86}, {"AMD", 16.0, -1, 0}}, appleMinimum > 0, 12.0f);
+        const int code = selector.preferredBackend(device, offered, appleMinimum > 0 ? appleMinimum : 10.15f);
         QCOMPARE(QString::fromStdString(ModelBackendFactory::MBNameFor(code)), expected);
         QCOMPARE(selector.deviceCapability(device), capability);
     }

@@ -89,7 +89,6 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(m_daemon.canReadLine(), 10000);
         const QString address = QString::fromUtf8(m_daemon.readLine()).trimmed();
         qputenv("DBUS_SYSTEM_BUS_ADDRESS", address.toUtf8());
-
         QDBusConnection fake = QDBusConnection::connectToBus(address, "fake-login");
         QVERIFY(fake.registerService("org.freedesktop.login1"));
         QVERIFY(fake.registerObject("/org/freedesktop/login1", &m_manager, QDBusConnection::ExportAllSlots));
@@ -120,7 +119,6 @@ private slots:
         if (m_noBus)
             QSKIP("needs the private bus");
         const int before = openDescriptors();
-
         os::SleepInhibitor::hold();
         os::SleepInhibitor::hold(); // the answer is still on its way: nothing more is asked
         QTRY_VERIFY(os::SleepInhibitor::holding());
@@ -130,14 +128,12 @@ private slots:
         os::SleepInhibitor::release();
         QVERIFY(!os::SleepInhibitor::holding());
         QTRY_VERIFY(m_manager.allReleased());
-
         // Released before the answer comes: the descriptor closes on arrival. The
         // bus keeps order, so a stray call from above would be counted by now.
         os::SleepInhibitor::hold();
         os::SleepInhibitor::release();
         QTRY_VERIFY(m_manager.calls == 2 && m_manager.allReleased());
         QVERIFY(!os::SleepInhibitor::holding());
-
         m_manager.closeWriteEnds();
         QTRY_COMPARE(openDescriptors(), before);
     }

@@ -93,7 +93,6 @@ private slots:
         writeFile(drm + "card2/device/uevent", "DRIVER=simpledrm\n"); // no vendor: a framebuffer
         writeFile(drm + "card10/device/vendor", "0x10de\n");
         writeFile(drm + "card10/device/product_name", "Some Card\n");
-
         const SystemInfo facts(root.path());
         const std::vector<DeviceInfo> expected{{"Intel GPU 8086:4680", 0.0, -1, 0},
                                                {"AMD GPU 1002:73bf", 16.0, -1, 0},
@@ -118,7 +117,6 @@ private slots:
         queue.push(7);
         waiter.join();
         QCOMPARE(item, 7);
-
         queue.push(8);
         std::thread stopped([&] {
             int front = 0;

@@ -116,7 +116,6 @@ private slots:
         qputenv("TERMINAL", QFile::encodeName(script));
         KUtils().openTerminal();
         qunsetenv("TERMINAL");
-
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(record), 10000);
         TFileManager files;
         const QStringList lines = QString::fromUtf8(readFileBytes(record)).split('\n', Qt::SkipEmptyParts);

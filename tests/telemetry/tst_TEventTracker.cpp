@@ -87,7 +87,6 @@ private slots:
         const QString id = params.isEmpty() ? tracker.track(identifier) : tracker.track(identifier, params);
         QVERIFY(finished.wait());
         QCOMPARE(finished.first().first().toString(), id);
-
         const httplib::Request request = collector->requests().at(0);
         // The production credential, in developer mode too.
         QCOMPARE(qs(request.get_header_value("Authorization")), u"Basic cHJvZDo="_s);
