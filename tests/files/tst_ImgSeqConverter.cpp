@@ -5,27 +5,14 @@
 #include <QSignalSpy>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 // The converter with the real oiiotool beside the test, on sequences made here.
 class tst_ImgSeqConverter : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void buildsTheCommandFromTheFirstFrame_data();
-    void buildsTheCommandFromTheFirstFrame();
-    void convertsWithProgressWhileTheToolRuns();
-    void closingInsideItsOwnSignalIsSafe_data();
-    void closingInsideItsOwnSignalIsSafe();
-    void normalisesAndStretchesBack_data();
-    void normalisesAndStretchesBack();
-    void aBrokenFrameStopsTheWork_data();
-    void aBrokenFrameStopsTheWork();
-    void tellsWideRangeFromColourOnly_data();
-    void tellsWideRangeFromColourOnly();
-
-private:
-    QString tool() const { return QCoreApplication::applicationDirPath() + QStringLiteral("/oiiotool"); }
+    QString tool() const { return QCoreApplication::applicationDirPath() + u"/oiiotool"_s; }
     bool oiio(const QString &arguments) { return runTool(tool(), QProcess::splitCommand(arguments)); }
     QString oiioOutput(const QString &arguments)
     {
@@ -35,268 +22,243 @@ private:
         process.waitForFinished(60000);
         return QString::fromUtf8(process.readAll());
     }
-    // Frames first..first+count-1 of "<folder>/frame_%06d.exr", one colour each.
-    void makeExrFrames(const QString &folder, const QStringList &colours, const QString &channels);
-
-    QTemporaryDir work;
-};
-
-void tst_ImgSeqConverter::initTestCase()
-{
-    QVERIFY2(QFileInfo(tool()).isExecutable(), "the build puts oiiotool beside the test");
-}
-
-void tst_ImgSeqConverter::makeExrFrames(const QString &folder, const QStringList &colours, const QString &channels)
-{
-    QDir().mkpath(folder);
-    const int count = int(channels.split(QLatin1Char(',')).size());
-    for (int index = 0; index < colours.size(); ++index) {
-        const QString name = folder + QStringLiteral("/frame_%1.exr").arg(index + 1, 6, 10, QLatin1Char('0'));
-        QVERIFY(oiio(QStringLiteral("--pattern constant:color=%1 16x8 %2 --chnames %3 -d half -o \"%4\"")
-                         .arg(colours.at(index))
-                         .arg(count)
-                         .arg(channels, name)));
+    // Frames 1..n of "<folder>/frame_%06d.exr", one colour each.
+    void makeExrFrames(const QString &folder, const QStringList &colours, const QString &channels)
+    {
+        QDir().mkpath(folder);
+        const int count = int(channels.split(u',').size());
+        for (int index = 0; index < colours.size(); ++index) {
+            const QString name = folder + u"/frame_%1.exr"_s.arg(index + 1, 6, 10, QLatin1Char('0'));
+            QVERIFY(oiio(u"--pattern constant:color=%1 16x8 %2 --chnames %3 -d half -o \"%4\""_s
+                             .arg(colours.at(index))
+                             .arg(count)
+                             .arg(channels, name)));
+        }
     }
-}
 
-void tst_ImgSeqConverter::buildsTheCommandFromTheFirstFrame_data()
-{
-    QTest::addColumn<QStringList>("frames");
-    QTest::addColumn<QString>("output");
-    QTest::addColumn<QString>("inputArgs");
-    QTest::addColumn<QString>("command"); // "<tool>" and "<dir>" stand for the real paths
-    QTest::addColumn<QString>("outputPath");
+private slots:
+    void initTestCase()
+    {
+        QVERIFY2(QFileInfo(tool()).isExecutable(), "the build puts oiiotool beside the test");
+    }
 
-    QTest::newRow("spaces, the input's base name, blanks kept")
-        << QStringList{"in dir/frame_000001.png", "in dir/frame_000002.png"} << "out dir/other_000001.exr"
-        << QString() << R"("<tool>" -v --frames 1-2  "<dir>/in dir/frame_%06d.png" -o "<dir>/out dir/frame_%06d.exr" )"
-        << "<dir>/out dir/frame_000001.exr";
-    QTest::newRow("first frame 7, four digits")
-        << QStringList{"shot_0007.png", "shot_0008.png"} << "o/x_0001.exr" << "--threads 1"
-        << R"("<tool>" -v --frames 7-8 --threads 1 "<dir>/shot_%04d.png" -o "<dir>/o/shot_%04d.exr" )"
-        << "<dir>/o/shot_000007.exr";
-    QTest::newRow("first frame 1234567")
-        << QStringList{"big_1234567.png"} << "o/big_1.exr" << QString()
-        << R"("<tool>" -v --frames 1234567-1234567  "<dir>/big_%d.png" -o "<dir>/o/big_%d.exr" )"
-        << "<dir>/o/big_000001234567.exr";
-    QTest::newRow("refused: a frame wildcard") << QStringList{"a#b/frame_000001.png"} << "o/f_000001.exr"
-                                               << QString() << QString() << QString();
-    QTest::newRow("refused: a double quote") << QStringList{"q\"uote/frame_000001.png"} << "o/f_000001.exr"
-                                             << QString() << QString() << QString();
-    QTest::newRow("refused: a stray percent") << QStringList{"p%zz/frame_000001.png"} << "o/f_000001.exr"
-                                              << QString() << QString() << QString();
-}
+    void buildsTheCommandFromTheFirstFrame_data()
+    {
+        QTest::addColumn<QStringList>("frames");
+        QTest::addColumn<QString>("output");
+        QTest::addColumn<QString>("inputArgs");
+        QTest::addColumn<QString>("command"); // "<tool>" and "<dir>" stand for the real paths
+        QTest::addColumn<QString>("outputPath");
+        QTest::newRow("spaces, the input's base name, blanks kept")
+            << QStringList{"in dir/frame_000001.png", "in dir/frame_000002.png"} << "out dir/other_000001.exr"
+            << QString()
+            << R"("<tool>" -v --frames 1-2  "<dir>/in dir/frame_%06d.png" -o "<dir>/out dir/frame_%06d.exr" )"
+            << "<dir>/out dir/frame_000001.exr";
+        QTest::newRow("first frame 7, four digits")
+            << QStringList{"shot_0007.png", "shot_0008.png"} << "o/x_0001.exr" << "--threads 1"
+            << R"("<tool>" -v --frames 7-8 --threads 1 "<dir>/shot_%04d.png" -o "<dir>/o/shot_%04d.exr" )"
+            << "<dir>/o/shot_000007.exr";
+        QTest::newRow("first frame 1234567")
+            << QStringList{"big_1234567.png"} << "o/big_1.exr" << QString()
+            << R"("<tool>" -v --frames 1234567-1234567  "<dir>/big_%d.png" -o "<dir>/o/big_%d.exr" )"
+            << "<dir>/o/big_000001234567.exr";
+        QTest::newRow("refused: a double quote") << QStringList{"q\"uote/frame_000001.png"} << "o/f_000001.exr"
+                                                 << QString() << QString() << QString();
+        QTest::newRow("refused: a stray percent") << QStringList{"p%zz/frame_000001.png"} << "o/f_000001.exr"
+                                                  << QString() << QString() << QString();
+    }
 
-void tst_ImgSeqConverter::buildsTheCommandFromTheFirstFrame()
-{
-    QFETCH(QStringList, frames);
-    QFETCH(QString, output);
-    QFETCH(QString, inputArgs);
-    QFETCH(QString, command);
-    QFETCH(QString, outputPath);
+    void buildsTheCommandFromTheFirstFrame()
+    {
+        QFETCH(QStringList, frames);
+        QFETCH(QString, output);
+        QFETCH(QString, inputArgs);
+        QFETCH(QString, command);
+        QFETCH(QString, outputPath);
+        QTemporaryDir dir;
+        for (const QString &frame : frames)
+            QVERIFY(writeFile(dir.filePath(frame), "not an image"));
+        const auto expand = [&](QString text) {
+            return text.replace(u"<tool>"_s, tool()).replace(u"<dir>"_s, dir.path());
+        };
+        ImgSeqConverter converter;
+        QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
+        LogCapture log;
+        converter.convert(false, dir.filePath(frames.first()), dir.filePath(output), inputArgs, u"-o"_s);
+        const QString key = TFileManager().makeFormatString(dir.filePath(frames.first()));
+        if (command.isEmpty()) {
+            QCOMPARE(forced.count(), 1);
+            QVERIFY(!log.contains(u"Generating conversion"_s));
+            return;
+        }
+        QVERIFY(log.contains(u"Generating conversion: "_s + expand(command)));
+        QCOMPARE(converter.getOutputPath(key), expand(outputPath));
+        QCOMPARE(converter.getSpawned(key), frames.size());
+        // The files are no images: the tool fails, which is no finished conversion.
+        QTRY_COMPARE_WITH_TIMEOUT(forced.count(), 1, 30000);
+        QCOMPARE(converter.getCompleted(key), 0);
+    }
 
-    QTemporaryDir dir;
-    for (const QString &frame : frames)
-        QVERIFY(writeFile(dir.filePath(frame), "not an image"));
-    const auto expand = [&](QString text) {
-        return text.replace(QStringLiteral("<tool>"), tool()).replace(QStringLiteral("<dir>"), dir.path());
-    };
+    void convertsWithProgressWhileTheToolRuns()
+    {
+        QTemporaryDir work;
+        const QString input = work.filePath(u"progress in/frame_000001.exr"_s);
+        QDir().mkpath(QFileInfo(input).path());
+        QVERIFY(oiio(u"--pattern noise:type=uniform:min=0:max=1 640x360 3 -d half -o \"%1\""_s.arg(input)));
+        constexpr int frames = 10;
+        for (int frame = 2; frame <= frames; ++frame)
+            QVERIFY(QFile::copy(input, input.chopped(6) + u"%1.exr"_s.arg(frame, 2, 10, QLatin1Char('0'))));
+        QDir().mkpath(work.filePath(u"progress out"_s));
+        ImgSeqConverter converter;
+        QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
+        const QString key = TFileManager().makeFormatString(input);
+        QList<int> seen;
+        connect(&converter, &ImgSeqConverter::subprocessCompleted, this, [&] { seen << converter.getCompleted(key); });
+        converter.convert(true, input, work.filePath(u"progress out/x_000001.png"_s), QString(), u"-o"_s);
+        QCOMPARE(converter.getSpawned(key), frames);
+        QTRY_VERIFY_WITH_TIMEOUT((!seen.isEmpty() && seen.last() == frames) || !forced.isEmpty(), 60000);
+        QCOMPARE(forced.count(), 0);
+        // A count strictly between the start and the end can only come from a
+        // tick while the tool was still writing.
+        QVERIFY2(std::any_of(seen.begin(), seen.end(), [](int count) { return count > 1 && count < frames; }),
+                 qPrintable(QString::number(seen.size()) + " ticks"));
+        QVERIFY(QFileInfo::exists(work.filePath(u"progress out/frame_000010.png"_s)));
+    }
 
-    ImgSeqConverter converter;
-    QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
-    LogCapture log;
-    converter.convert(false, dir.filePath(frames.first()), dir.filePath(output), inputArgs, QStringLiteral("-o"));
-    const QString key = TFileManager().makeFormatString(dir.filePath(frames.first()));
-    if (command.isEmpty()) {
+    void closingInsideItsOwnSignalIsSafe_data()
+    {
+        QTest::addColumn<QString>("postInputArgs");
+        QTest::addColumn<bool>("onProgress");
+        // Without "-o" oiiotool reads the output as a second input and fails.
+        QTest::newRow("from the failure signal") << QString() << false;
+        QTest::newRow("from the progress signal") << u"-o"_s << true;
+    }
+
+    void closingInsideItsOwnSignalIsSafe()
+    {
+        QFETCH(QString, postInputArgs);
+        QFETCH(bool, onProgress);
+        QTemporaryDir dir;
+        makeExrFrames(dir.filePath(u"in"_s), {"0.2,0.2,0.2", "0.2,0.2,0.2"}, u"R,G,B"_s);
+        const QString input = dir.filePath(u"in/frame_000001.exr"_s);
+        const QString key = TFileManager().makeFormatString(input);
+        ImgSeqConverter converter;
+        QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
+        connect(&converter, onProgress ? &ImgSeqConverter::subprocessCompleted : &ImgSeqConverter::processForcedClose,
+                this, [&] { converter.closeKey(key); });
+        QDir().mkpath(dir.filePath(u"out"_s));
+        converter.convert(false, input, dir.filePath(u"out/frame_000001.exr"_s), QString(), postInputArgs);
+        QTRY_COMPARE_WITH_TIMEOUT(forced.count(), 1, 30000);
+        // The record has gone: asking again makes a fresh, empty one.
+        QTRY_COMPARE(converter.getSpawned(key), 0);
+        QCoreApplication::processEvents();
         QCOMPARE(forced.count(), 1);
-        QVERIFY(!log.contains(QStringLiteral("Generating conversion")));
-        return;
     }
-    QVERIFY(log.contains(QStringLiteral("Generating conversion: ") + expand(command)));
-    QCOMPARE(converter.getOutputPath(key), expand(outputPath));
-    QCOMPARE(converter.getSpawned(key), frames.size());
-    // The files are no images: the tool fails, which is no finished conversion.
-    QTRY_COMPARE_WITH_TIMEOUT(forced.count(), 1, 30000);
-    QCOMPARE(converter.getCompleted(key), 0);
-}
 
-void tst_ImgSeqConverter::convertsWithProgressWhileTheToolRuns()
-{
-    const QString input = work.filePath(QStringLiteral("progress in/frame_000001.exr"));
-    QDir().mkpath(QFileInfo(input).path());
-    QVERIFY(oiio(QStringLiteral("--pattern noise:type=uniform:min=0:max=1 640x360 3 -d half -o \"%1\"").arg(input)));
-    constexpr int frames = 10;
-    for (int frame = 2; frame <= frames; ++frame)
-        QVERIFY(QFile::copy(input, QString(input).replace(QStringLiteral("01.exr"),
-                                                           QStringLiteral("%1.exr").arg(frame, 2, 10, QLatin1Char('0')))));
-
-    QDir().mkpath(work.filePath(QStringLiteral("progress out")));
-    ImgSeqConverter converter;
-    QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
-    const QString key = TFileManager().makeFormatString(input);
-    QList<int> seen;
-    connect(&converter, &ImgSeqConverter::subprocessCompleted, this,
-            [&] { seen << converter.getCompleted(key); });
-    converter.convert(true, input, work.filePath(QStringLiteral("progress out/x_000001.png")), QString(),
-                      QStringLiteral("-o"));
-    QCOMPARE(converter.getSpawned(key), frames);
-    QTRY_VERIFY_WITH_TIMEOUT((!seen.isEmpty() && seen.last() == frames) || !forced.isEmpty(), 60000);
-    QCOMPARE(forced.count(), 0);
-    // A count strictly between the start and the end can only come from a
-    // tick while the tool was still writing.
-    QVERIFY2(std::any_of(seen.begin(), seen.end(), [](int count) { return count > 1 && count < frames; }),
-             qPrintable(QString::number(seen.size()) + " ticks"));
-    QCOMPARE(converter.getIsImport(key), 1);
-    QVERIFY(QFileInfo::exists(work.filePath(QStringLiteral("progress out/frame_000010.png"))));
-}
-
-void tst_ImgSeqConverter::closingInsideItsOwnSignalIsSafe_data()
-{
-    QTest::addColumn<QString>("postInputArgs");
-    QTest::addColumn<bool>("onProgress");
-    // Without "-o" oiiotool reads the output as a second input and fails.
-    QTest::newRow("from the failure signal") << QString() << false;
-    QTest::newRow("from the progress signal") << QStringLiteral("-o") << true;
-}
-
-void tst_ImgSeqConverter::closingInsideItsOwnSignalIsSafe()
-{
-    QFETCH(QString, postInputArgs);
-    QFETCH(bool, onProgress);
-
-    QTemporaryDir dir;
-    makeExrFrames(dir.filePath(QStringLiteral("in")), {"0.2,0.2,0.2", "0.2,0.2,0.2"}, QStringLiteral("R,G,B"));
-    const QString input = dir.filePath(QStringLiteral("in/frame_000001.exr"));
-    const QString key = TFileManager().makeFormatString(input);
-    ImgSeqConverter converter;
-    QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
-    connect(&converter, onProgress ? &ImgSeqConverter::subprocessCompleted : &ImgSeqConverter::processForcedClose,
-            this, [&] { converter.closeKey(key); });
-    QDir().mkpath(dir.filePath(QStringLiteral("out")));
-    converter.convert(false, input, dir.filePath(QStringLiteral("out/frame_000001.exr")), QString(), postInputArgs);
-
-    QTRY_COMPARE_WITH_TIMEOUT(forced.count(), 1, 30000);
-    // The record has gone: asking again makes a fresh, empty one.
-    QTRY_COMPARE(converter.getSpawned(key), 0);
-    QCoreApplication::processEvents();
-    QCOMPARE(forced.count(), 1);
-}
-
-void tst_ImgSeqConverter::normalisesAndStretchesBack_data()
-{
-    QTest::addColumn<QString>("channels");
-    QTest::addColumn<QStringList>("colours");
-    QTest::addColumn<QString>("kept");
-
-    QTest::newRow("RGBA") << "R,G,B,A" << QStringList{"0.5,1,0.25,0.3", "4,0.5,2,0.7", "1,1,1,1"} << "R,G,B,A";
-    QTest::newRow("RGB only") << "R,G,B" << QStringList{"0.5,1,0.25", "4,0.5,2", "1,1,1"} << "R,G,B";
-    // A depth far above the colours is neither scanned nor written.
-    QTest::newRow("RGBA and Z") << "R,G,B,A,Z" << QStringList{"0.5,1,0.25,0.3,90", "4,0.5,2,0.7,90", "1,1,1,1,90"}
-                                << "R,G,B,A";
-}
-
-void tst_ImgSeqConverter::normalisesAndStretchesBack()
-{
-    QFETCH(QString, channels);
-    QFETCH(QStringList, colours);
-    QFETCH(QString, kept);
-
-    QTemporaryDir dir;
-    makeExrFrames(dir.filePath(QStringLiteral("src")), colours, channels);
-    const QString input = dir.filePath(QStringLiteral("src/frame_000001.exr"));
-    const QString output = dir.filePath(QStringLiteral("norm/frame_000001.exr"));
-    QDir().mkpath(QFileInfo(output).path());
-    const QString key = TFileManager().makeFormatString(input);
-
-    ImgSeqConverter converter;
-    QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
-    LogCapture log;
-    converter.normalizeExr(input, output);
-    QTRY_VERIFY_WITH_TIMEOUT(log.contains(QStringLiteral("[Normalize] process finished")) || forced.count() > 0,
-                             60000);
-    QCOMPARE(forced.count(), 0);
-    QCOMPARE(converter.getScannedMax(key), 4.0);
-    QCOMPARE(converter.getCompleted(key), 3);
-
-    const QString second = dir.filePath(QStringLiteral("norm/frame_000002.exr"));
-    QCOMPARE(oiiostats::sequenceMax(oiioOutput(QStringLiteral("\"%1\" --printstats").arg(second))), 1.0);
-    QCOMPARE(oiiostats::channelList(oiioOutput(QStringLiteral("--info -v \"%1\"").arg(second))).join(','), kept);
-    const QString alphaOf = QStringLiteral("\"%1\" --ch A \"%2\" --ch A --fail 0 --diff");
-    if (kept.endsWith(QLatin1String(",A")))
-        QVERIFY2(oiio(alphaOf.arg(input, output)), "alpha is carried over bit for bit");
-
-    converter.stretchExr(output, 0.0, converter.getScannedMax(key));
-    QTRY_VERIFY_WITH_TIMEOUT(log.contains(QStringLiteral("[StretchExr] Temp directory cleaned:")), 60000);
-    QVERIFY(!QFileInfo::exists(dir.filePath(QStringLiteral("norm/tmp_stretch"))));
-    for (const QString frame : {"000001", "000002", "000003"}) {
-        const QString back = QString(output).replace(QStringLiteral("000001"), frame);
-        const QString original = QString(input).replace(QStringLiteral("000001"), frame);
-        // Half floats near 4 are 1/256 apart.
-        QVERIFY2(oiio(QStringLiteral("\"%1\" --ch %3 \"%2\" --ch %3 --fail 0.01 --diff").arg(back, original, kept)),
-                 qPrintable(frame));
+    void normalisesAndStretchesBack_data()
+    {
+        QTest::addColumn<QString>("channels");
+        QTest::addColumn<QStringList>("colours");
+        QTest::addColumn<QString>("kept");
+        QTest::newRow("RGBA") << "R,G,B,A" << QStringList{"0.5,1,0.25,0.3", "4,0.5,2,0.7", "1,1,1,1"} << "R,G,B,A";
+        QTest::newRow("RGB only") << "R,G,B" << QStringList{"0.5,1,0.25", "4,0.5,2", "1,1,1"} << "R,G,B";
+        // A depth far above the colours is neither scanned nor written.
+        QTest::newRow("RGBA and Z") << "R,G,B,A,Z" << QStringList{"0.5,1,0.25,0.3,90", "4,0.5,2,0.7,90", "1,1,1,1,90"}
+                                    << "R,G,B,A";
     }
-}
 
-void tst_ImgSeqConverter::aBrokenFrameStopsTheWork_data()
-{
-    QTest::addColumn<bool>("stretch");
-    QTest::newRow("a stretch keeps the sources") << true;
-    // The broken frame hides the maximum of the frame after it.
-    QTest::newRow("no normalisation from a partial maximum") << false;
-}
-
-void tst_ImgSeqConverter::aBrokenFrameStopsTheWork()
-{
-    QFETCH(bool, stretch);
-
-    QTemporaryDir dir;
-    makeExrFrames(dir.path(), {"0.5,0.5,0.5,1", "0.5,0.5,0.5,1", "3,0.5,0.5,1"}, QStringLiteral("R,G,B,A"));
-    const QString first = dir.filePath(QStringLiteral("frame_000001.exr"));
-    const QString broken = dir.filePath(QStringLiteral("frame_000002.exr"));
-    QVERIFY(writeFile(broken, "broken frame"));
-    const QByteArray before = readFileBytes(first);
-
-    ImgSeqConverter converter;
-    QSignalSpy ended(&converter, stretch ? &ImgSeqConverter::subprocessCompleted
-                                         : &ImgSeqConverter::processForcedClose);
-    LogCapture log;
-    if (stretch)
-        converter.stretchExr(first, 0.0, 2.0);
-    else
-        converter.normalizeExr(first, dir.filePath(QStringLiteral("norm/frame_000001.exr")));
-    QVERIFY(ended.wait(60000));
-    QCOMPARE(readFileBytes(first), before);
-    QCOMPARE(readFileBytes(broken), QByteArray("broken frame"));
-    if (stretch) {
-        QVERIFY(QFileInfo::exists(dir.filePath(QStringLiteral("tmp_stretch"))));
-    } else {
-        QVERIFY(log.contains(QStringLiteral("[SequenceMax] process error on ") + broken));
-        QVERIFY(!log.contains(QStringLiteral("[Normalize] Starting")));
+    void normalisesAndStretchesBack()
+    {
+        QFETCH(QString, channels);
+        QFETCH(QStringList, colours);
+        QFETCH(QString, kept);
+        QTemporaryDir dir;
+        makeExrFrames(dir.filePath(u"src"_s), colours, channels);
+        const QString input = dir.filePath(u"src/frame_000001.exr"_s);
+        const QString output = dir.filePath(u"norm/frame_000001.exr"_s);
+        QDir().mkpath(QFileInfo(output).path());
+        const QString key = TFileManager().makeFormatString(input);
+        ImgSeqConverter converter;
+        QSignalSpy forced(&converter, &ImgSeqConverter::processForcedClose);
+        LogCapture log;
+        converter.normalizeExr(input, output);
+        QTRY_VERIFY_WITH_TIMEOUT(log.contains(u"[Normalize] process finished"_s) || forced.count() > 0, 60000);
+        QCOMPARE(forced.count(), 0);
+        QCOMPARE(converter.getScannedMax(key), 4.0);
+        QCOMPARE(converter.getCompleted(key), 3);
+        const QString second = dir.filePath(u"norm/frame_000002.exr"_s);
+        QCOMPARE(oiiostats::sequenceMax(oiioOutput(u"\"%1\" --printstats"_s.arg(second))), 1.0);
+        QCOMPARE(oiiostats::channelList(oiioOutput(u"--info -v \"%1\""_s.arg(second))).join(','), kept);
+        if (kept.endsWith(u",A")) // alpha is carried over bit for bit
+            QVERIFY(oiio(u"\"%1\" --ch A \"%2\" --ch A --fail 0 --diff"_s.arg(input, output)));
+        converter.stretchExr(output, 0.0, converter.getScannedMax(key));
+        QTRY_VERIFY_WITH_TIMEOUT(log.contains(u"[StretchExr] Temp directory cleaned:"_s), 60000);
+        QVERIFY(!QFileInfo::exists(dir.filePath(u"norm/tmp_stretch"_s)));
+        for (const QString frame : {"000001", "000002", "000003"}) {
+            const QString back = QString(output).replace(u"000001"_s, frame);
+            const QString original = QString(input).replace(u"000001"_s, frame);
+            // Half floats near 4 are 1/256 apart.
+            QVERIFY2(oiio(u"\"%1\" --ch %3 \"%2\" --ch %3 --fail 0.01 --diff"_s.arg(back, original, kept)),
+                     qPrintable(frame));
+        }
     }
-}
 
-void tst_ImgSeqConverter::tellsWideRangeFromColourOnly_data()
-{
-    QTest::addColumn<QStringList>("colours");
-    QTest::addColumn<bool>("wide");
-    QTest::newRow("a depth above one is not colour") << QStringList{"0.9,0.5,0.1,40", "0.2,0.9,0.1,40"} << false;
-    QTest::newRow("one sample above one") << QStringList{"0.9,0.5,0.1,0", "0.2,1.5,0.1,0"} << true;
-}
+    void aBrokenFrameStopsTheWork_data()
+    {
+        QTest::addColumn<bool>("stretch");
+        QTest::newRow("a stretch keeps the sources") << true;
+        // The broken frame hides the maximum of the frame after it.
+        QTest::newRow("no normalisation from a partial maximum") << false;
+    }
 
-void tst_ImgSeqConverter::tellsWideRangeFromColourOnly()
-{
-    QFETCH(QStringList, colours);
-    QFETCH(bool, wide);
+    void aBrokenFrameStopsTheWork()
+    {
+        QFETCH(bool, stretch);
+        QTemporaryDir dir;
+        makeExrFrames(dir.path(), {"0.5,0.5,0.5,1", "0.5,0.5,0.5,1", "3,0.5,0.5,1"}, u"R,G,B,A"_s);
+        const QString first = dir.filePath(u"frame_000001.exr"_s);
+        const QString broken = dir.filePath(u"frame_000002.exr"_s);
+        QVERIFY(writeFile(broken, "broken frame"));
+        const QByteArray before = readFileBytes(first);
+        ImgSeqConverter converter;
+        QSignalSpy ended(&converter,
+                         stretch ? &ImgSeqConverter::subprocessCompleted : &ImgSeqConverter::processForcedClose);
+        LogCapture log;
+        if (stretch)
+            converter.stretchExr(first, 0.0, 2.0);
+        else
+            converter.normalizeExr(first, dir.filePath(u"norm/frame_000001.exr"_s));
+        QVERIFY(ended.wait(60000));
+        QCOMPARE(readFileBytes(first), before);
+        QCOMPARE(readFileBytes(broken), QByteArray("broken frame"));
+        QCOMPARE(QFileInfo::exists(dir.filePath(u"tmp_stretch"_s)), stretch);
+        if (!stretch)
+            QVERIFY(log.contains(u"[SequenceMax] process error on "_s + broken)
+                    && !log.contains(u"[Normalize] Starting"_s));
+    }
 
-    QTemporaryDir dir;
-    makeExrFrames(dir.path(), colours, QStringLiteral("R,G,B,Z"));
-    ImgSeqConverter converter;
-    QSignalSpy answered(&converter, &ImgSeqConverter::exrRangeCheckCompleted);
-    converter.exrIsWideRange(dir.filePath(QStringLiteral("frame_000001.exr")));
-    QVERIFY(answered.wait(60000));
-    QCOMPARE(answered.count(), 1);
-    QCOMPARE(answered.first().first().toBool(), wide);
-}
+    void tellsWideRangeFromColourOnly_data()
+    {
+        QTest::addColumn<QStringList>("colours");
+        QTest::addColumn<bool>("wide");
+        QTest::newRow("a depth above one is not colour") << QStringList{"0.9,0.5,0.1,40", "0.2,0.9,0.1,40"} << false;
+        QTest::newRow("one sample above one") << QStringList{"0.9,0.5,0.1,0", "0.2,1.5,0.1,0"} << true;
+    }
+
+    void tellsWideRangeFromColourOnly()
+    {
+        QFETCH(QStringList, colours);
+        QFETCH(bool, wide);
+        QTemporaryDir dir;
+        makeExrFrames(dir.path(), colours, u"R,G,B,Z"_s);
+        ImgSeqConverter converter;
+        QSignalSpy answered(&converter, &ImgSeqConverter::exrRangeCheckCompleted);
+        converter.exrIsWideRange(dir.filePath(u"frame_000001.exr"_s));
+        QVERIFY(answered.wait(60000));
+        QCOMPARE(answered.count(), 1);
+        QCOMPARE(answered.first().first().toBool(), wide);
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_ImgSeqConverter)
 #include "tst_ImgSeqConverter.moc"

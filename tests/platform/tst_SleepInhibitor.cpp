@@ -32,7 +32,7 @@ public:
     ~FakeLoginManager() override { closeWriteEnds(); }
 
     int calls = 0;
-    QStringList lastCall;
+    QStringList lastCall; // what, who, why, mode
 
     bool allReleased() const
     {
@@ -71,88 +71,73 @@ class tst_SleepInhibitor : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void cleanupTestCase();
-    void withoutSystemBusReturnsAtOnce();
-    void oneInhibitorHeldAndReleased();
-
-private:
     bool m_noBus = qEnvironmentVariableIsSet("KUTILS_NO_SYSTEM_BUS");
     QTemporaryDir m_dir;
     QProcess m_daemon;
     FakeLoginManager m_manager;
-};
 
-void tst_SleepInhibitor::initTestCase()
-{
-    if (m_noBus) {
-        qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + QFile::encodeName(m_dir.filePath("no-bus")));
-        return;
+private slots:
+    void initTestCase()
+    {
+        if (m_noBus) {
+            qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + QFile::encodeName(m_dir.filePath("no-bus")));
+            return;
+        }
+        m_daemon.start("dbus-daemon",
+                       {"--session", "--nofork", "--print-address=1", "--address=unix:dir=" + m_dir.path()});
+        QVERIFY2(m_daemon.waitForStarted(), "dbus-daemon is missing (package dbus)");
+        QTRY_VERIFY_WITH_TIMEOUT(m_daemon.canReadLine(), 10000);
+        const QString address = QString::fromUtf8(m_daemon.readLine()).trimmed();
+        qputenv("DBUS_SYSTEM_BUS_ADDRESS", address.toUtf8());
+        QDBusConnection fake = QDBusConnection::connectToBus(address, "fake-login");
+        QVERIFY(fake.registerService("org.freedesktop.login1"));
+        QVERIFY(fake.registerObject("/org/freedesktop/login1", &m_manager, QDBusConnection::ExportAllSlots));
+        QVERIFY(QDBusConnection::systemBus().isConnected());
     }
-    m_daemon.start("dbus-daemon", {"--session", "--nofork", "--print-address=1", "--address=unix:dir=" + m_dir.path()});
-    QVERIFY2(m_daemon.waitForStarted(), "dbus-daemon is missing (package dbus)");
-    QTRY_VERIFY_WITH_TIMEOUT(m_daemon.canReadLine(), 10000);
-    const QString address = QString::fromUtf8(m_daemon.readLine()).trimmed();
-    qputenv("DBUS_SYSTEM_BUS_ADDRESS", address.toUtf8());
 
-    QDBusConnection fake = QDBusConnection::connectToBus(address, "fake-login");
-    QVERIFY(fake.registerService("org.freedesktop.login1"));
-    QVERIFY(fake.registerObject("/org/freedesktop/login1", &m_manager, QDBusConnection::ExportAllSlots));
-    QVERIFY(QDBusConnection::systemBus().isConnected());
-}
+    void cleanupTestCase()
+    {
+        QDBusConnection::disconnectFromBus("fake-login");
+        m_daemon.terminate();
+        m_daemon.waitForFinished();
+    }
 
-void tst_SleepInhibitor::cleanupTestCase()
-{
-    QDBusConnection::disconnectFromBus("fake-login");
-    m_daemon.terminate();
-    m_daemon.waitForFinished();
-}
+    void withoutSystemBusReturnsAtOnce()
+    {
+        if (!m_noBus)
+            QSKIP("runs as tst_SleepInhibitorNoBus");
+        QElapsedTimer timer;
+        timer.start();
+        os::SleepInhibitor::hold();
+        QVERIFY(timer.elapsed() < 1000);
+        QVERIFY(!os::SleepInhibitor::holding());
+        os::SleepInhibitor::release();
+    }
 
-void tst_SleepInhibitor::withoutSystemBusReturnsAtOnce()
-{
-    if (!m_noBus)
-        QSKIP("runs as tst_SleepInhibitorNoBus");
-    QElapsedTimer timer;
-    timer.start();
-    os::SleepInhibitor::hold();
-    QVERIFY(timer.elapsed() < 1000);
-    QVERIFY(!os::SleepInhibitor::holding());
-    os::SleepInhibitor::release();
-}
-
-void tst_SleepInhibitor::oneInhibitorHeldAndReleased()
-{
-    if (m_noBus)
-        QSKIP("needs the private bus");
-    const int before = openDescriptors();
-
-    os::SleepInhibitor::hold();
-    os::SleepInhibitor::hold(); // the answer is still on its way: nothing more is asked
-    QTRY_VERIFY(os::SleepInhibitor::holding());
-    os::SleepInhibitor::hold(); // held: nothing more either
-    QCOMPARE(m_manager.lastCall.value(0), "sleep");
-    QCOMPARE(m_manager.lastCall.value(3), "block");
-    os::SleepInhibitor::release();
-    QVERIFY(!os::SleepInhibitor::holding());
-    QTRY_VERIFY(m_manager.allReleased());
-
-    // The bus keeps order: a stray call from above would come before this one.
-    os::SleepInhibitor::hold();
-    QTRY_VERIFY(os::SleepInhibitor::holding());
-    QCOMPARE(m_manager.calls, 2);
-    os::SleepInhibitor::release();
-    QTRY_VERIFY(m_manager.allReleased());
-
-    // Released before the answer comes: the descriptor closes on arrival.
-    os::SleepInhibitor::hold();
-    os::SleepInhibitor::release();
-    QTRY_VERIFY(m_manager.calls == 3 && m_manager.allReleased());
-    QVERIFY(!os::SleepInhibitor::holding());
-
-    m_manager.closeWriteEnds();
-    QTRY_COMPARE(openDescriptors(), before);
-}
+    void oneInhibitorHeldAndReleased()
+    {
+        if (m_noBus)
+            QSKIP("needs the private bus");
+        const int before = openDescriptors();
+        os::SleepInhibitor::hold();
+        os::SleepInhibitor::hold(); // the answer is still on its way: nothing more is asked
+        QTRY_VERIFY(os::SleepInhibitor::holding());
+        os::SleepInhibitor::hold(); // held: nothing more either
+        QCOMPARE(m_manager.lastCall.value(0), "sleep");
+        QCOMPARE(m_manager.lastCall.value(3), "block");
+        os::SleepInhibitor::release();
+        QVERIFY(!os::SleepInhibitor::holding());
+        QTRY_VERIFY(m_manager.allReleased());
+        // Released before the answer comes: the descriptor closes on arrival. The
+        // bus keeps order, so a stray call from above would be counted by now.
+        os::SleepInhibitor::hold();
+        os::SleepInhibitor::release();
+        QTRY_VERIFY(m_manager.calls == 2 && m_manager.allReleased());
+        QVERIFY(!os::SleepInhibitor::holding());
+        m_manager.closeWriteEnds();
+        QTRY_COMPARE(openDescriptors(), before);
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_SleepInhibitor)
 #include "tst_SleepInhibitor.moc"

@@ -34,120 +34,108 @@ class tst_KUtils : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void qmlSeesNumbersAndTheRectOverload();
-    void diskSpaceThresholdStartsAtTenAndTakesLargeValues();
-    void diskSpaceOfAMissingPathIsItsParents();
-    void friendlyNameFallsBackToTheAccount();
-    void openTerminalStartsTERMINALInTheToolFolderWithModelFolders();
-    void restartAppStartsThisExecutableWithItsArguments();
-
-private:
     IsolatedHome m_home;
     QTemporaryDir m_models;
+
+private slots:
+    void initTestCase()
+    {
+        // The example catalogue, in a model folder of our own.
+        QVERIFY(QFile::copy(KUTILS_SOURCE_DIR "/demo/models/models.json", m_models.filePath("models.json")));
+        aiengine::ModelManager::MakeInstance("shortName", true, true, "/", {});
+        aiengine::ModelManager::GetInstance().setModelDirPath(m_models.path(), m_models.path());
+        qmlRegisterType<KUtils>("kutils.test", 1, 0, "KUtils");
+    }
+
+    void qmlSeesNumbersAndTheRectOverload()
+    {
+        QQmlEngine engine;
+        QQmlComponent component(&engine);
+        component.setData(R"(
+            import QtQuick
+            import kutils.test 1.0
+            KUtils {
+                property bool spaceIsNumber: typeof getDiskSpace("/") === "number"
+                                             && getDiskSpace("/") + 1 > getDiskSpace("/")
+                property bool emptyRect: isEmpty(Qt.rect(0, 0, 0, 5))
+                property bool fullRect: isEmpty(Qt.rect(0, 0, 2, 2))
+                property int processes: maxProcesses
+                property string info: systemInfo()
+                property var upscale: modelsInfo.upscale
+                property IntValidator validator: IntValidator { top: 99 }
+                property int validity: callValidate(validator, "12", 0)
+            })", QUrl());
+        std::unique_ptr<QObject> utils(component.create());
+        QVERIFY2(utils, qPrintable(component.errorString()));
+        QVERIFY(utils->property("spaceIsNumber").toBool());
+        QVERIFY(utils->property("emptyRect").toBool());
+        QVERIFY(!utils->property("fullRect").toBool());
+        QCOMPARE(utils->property("validity").toInt(), int(QValidator::Acceptable));
+        QVERIFY(utils->property("processes").toInt() >= 1);
+        QVERIFY(utils->property("info").toString().startsWith("OS: Linux v"));
+        QCOMPARE(utils->property("upscale").toMap().value("versions").toList(), (QVariantList{"2", "3"}));
+    }
+
+    void diskSpaceThresholdStartsAtTenAndTakesLargeValues()
+    {
+        FixedSpaceUtils utils;
+        utils.bytes = quint64(10) << 30;
+        QCOMPARE(utils.checkDiskSpace("/"), 1); // the threshold starts at 10 GiB
+        utils.setDiskSpaceThreshold(3);
+        QCOMPARE(utils.checkDiskSpace("/"), 0);
+    }
+
+    void diskSpaceOfAMissingPathIsItsParents()
+    {
+        const qint64 parent = QStorageInfo(m_models.path()).bytesAvailable();
+        const quint64 missing = KUtils().getDiskSpace(m_models.filePath("not/yet/made"));
+        // Other engineers write to this disk meanwhile: the same volume is near enough.
+        QVERIFY(missing > 0);
+        QVERIFY(qAbs(qint64(missing) - parent) < qint64(1) << 30);
+    }
+
+    void friendlyNameFallsBackToTheAccount()
+    {
+        const QByteArray user = qgetenv("USER"), userName = qgetenv("USERNAME");
+        qunsetenv("USER");
+        qunsetenv("USERNAME");
+        const QString name = KUtils().getFriendlyName();
+        qputenv("USER", user);
+        qputenv("USERNAME", userName);
+        QVERIFY(name.startsWith(QString::fromLocal8Bit(getpwuid(geteuid())->pw_name) + "'s "));
+    }
+
+    void openTerminalStartsTERMINALInTheToolFolderWithModelFolders()
+    {
+        const QString record = m_home.path() + "/terminal.txt";
+        const QString script = m_home.path() + "/fake terminal $(x)";
+        QVERIFY(writeFile(script, "#!/bin/sh\n{ pwd; echo \"$KVID_MODEL_DIR\"; echo \"$KVID_MODEL_DATA_DIR\"; } > \""
+                                      + record.toUtf8() + ".part\"\nmv \"" + record.toUtf8() + ".part\" \""
+                                      + record.toUtf8() + "\"\n"));
+        QFile::setPermissions(script, QFile::ReadOwner | QFile::ExeOwner);
+        qputenv("TERMINAL", QFile::encodeName(script));
+        KUtils().openTerminal();
+        qunsetenv("TERMINAL");
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(record), 10000);
+        TFileManager files;
+        const QStringList lines = QString::fromUtf8(readFileBytes(record)).split('\n', Qt::SkipEmptyParts);
+        QCOMPARE(lines, (QStringList{QFileInfo(files.ffmpeg()).absolutePath(), files.defaultModelFolderPath(),
+                                     files.getModelFolderPath()}));
+        QCOMPARE(qEnvironmentVariable("KVID_MODEL_DIR"), files.defaultModelFolderPath());
+    }
+
+    void restartAppStartsThisExecutableWithItsArguments()
+    {
+        const QString marker = m_home.path() + "/restarted.txt";
+        qputenv(restartMarker, QFile::encodeName(marker));
+        KUtils().restartApp();
+        qunsetenv(restartMarker);
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(marker), 10000);
+        const QStringList expected =
+            QStringList{QCoreApplication::applicationFilePath()} + QCoreApplication::arguments().mid(1);
+        QCOMPARE(QString::fromUtf8(readFileBytes(marker)), expected.join('\n'));
+    }
 };
-
-void tst_KUtils::initTestCase()
-{
-    // The example catalogue, in a model folder of our own.
-    QVERIFY(QFile::copy(KUTILS_SOURCE_DIR "/demo/models/models.json", m_models.filePath("models.json")));
-    aiengine::ModelManager::MakeInstance("shortName", true, true, "/", {});
-    aiengine::ModelManager::GetInstance().setModelDirPath(m_models.path(), m_models.path());
-    qmlRegisterType<KUtils>("kutils.test", 1, 0, "KUtils");
-}
-
-void tst_KUtils::qmlSeesNumbersAndTheRectOverload()
-{
-    QQmlEngine engine;
-    QQmlComponent component(&engine);
-    component.setData(R"(
-        import QtQuick
-        import kutils.test 1.0
-        KUtils {
-            property bool spaceIsNumber: typeof getDiskSpace("/") === "number"
-                                         && getDiskSpace("/") + 1 > getDiskSpace("/")
-            property bool emptyRect: isEmpty(Qt.rect(0, 0, 0, 5))
-            property bool fullRect: isEmpty(Qt.rect(0, 0, 2, 2))
-            property int processes: maxProcesses
-            property string info: systemInfo()
-            property var upscale: modelsInfo.upscale
-            property IntValidator validator: IntValidator { top: 99 }
-            property int validity: callValidate(validator, "12", 0)
-        })", QUrl());
-    std::unique_ptr<QObject> utils(component.create());
-    QVERIFY2(utils, qPrintable(component.errorString()));
-    QVERIFY(utils->property("spaceIsNumber").toBool());
-    QVERIFY(utils->property("emptyRect").toBool());
-    QVERIFY(!utils->property("fullRect").toBool());
-    QCOMPARE(utils->property("validity").toInt(), int(QValidator::Acceptable));
-    QVERIFY(utils->property("processes").toInt() >= 1);
-    QVERIFY(utils->property("info").toString().startsWith("OS: Linux v"));
-    QCOMPARE(utils->property("upscale").toMap().value("versions").toList(), (QVariantList{"2", "3"}));
-}
-
-void tst_KUtils::diskSpaceThresholdStartsAtTenAndTakesLargeValues()
-{
-    FixedSpaceUtils utils;
-    utils.bytes = quint64(10) << 30;
-    QCOMPARE(utils.checkDiskSpace("/"), 1);
-    utils.setDiskSpaceThreshold(3);
-    QCOMPARE(utils.checkDiskSpace("/"), 0);
-    utils.setDiskSpaceThreshold();
-    QCOMPARE(utils.checkDiskSpace("/"), 1);
-}
-
-void tst_KUtils::diskSpaceOfAMissingPathIsItsParents()
-{
-    const qint64 parent = QStorageInfo(m_models.path()).bytesAvailable();
-    const quint64 missing = KUtils().getDiskSpace(m_models.filePath("not/yet/made"));
-    // Other engineers write to this disk meanwhile: the same volume is near enough.
-    QVERIFY(missing > 0);
-    QVERIFY(qAbs(qint64(missing) - parent) < qint64(1) << 30);
-}
-
-void tst_KUtils::friendlyNameFallsBackToTheAccount()
-{
-    const QByteArray user = qgetenv("USER"), userName = qgetenv("USERNAME");
-    qunsetenv("USER");
-    qunsetenv("USERNAME");
-    const QString name = KUtils().getFriendlyName();
-    qputenv("USER", user);
-    qputenv("USERNAME", userName);
-    QVERIFY(name.startsWith(QString::fromLocal8Bit(getpwuid(geteuid())->pw_name) + "'s "));
-}
-
-void tst_KUtils::openTerminalStartsTERMINALInTheToolFolderWithModelFolders()
-{
-    const QString record = m_home.path() + "/terminal.txt";
-    const QString script = m_home.path() + "/fake terminal $(x)";
-    QVERIFY(writeFile(script, "#!/bin/sh\n{ pwd; echo \"$KVID_MODEL_DIR\"; echo \"$KVID_MODEL_DATA_DIR\"; } > \""
-                                  + record.toUtf8() + ".part\"\nmv \"" + record.toUtf8() + ".part\" \""
-                                  + record.toUtf8() + "\"\n"));
-    QFile::setPermissions(script, QFile::ReadOwner | QFile::ExeOwner);
-    qputenv("TERMINAL", QFile::encodeName(script));
-    KUtils().openTerminal();
-    qunsetenv("TERMINAL");
-
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(record), 10000);
-    TFileManager files;
-    const QStringList lines = QString::fromUtf8(readFileBytes(record)).split('\n', Qt::SkipEmptyParts);
-    QCOMPARE(lines, (QStringList{QFileInfo(files.ffmpeg()).absolutePath(), files.defaultModelFolderPath(),
-                                 files.getModelFolderPath()}));
-    QCOMPARE(qEnvironmentVariable("KVID_MODEL_DIR"), files.defaultModelFolderPath());
-}
-
-void tst_KUtils::restartAppStartsThisExecutableWithItsArguments()
-{
-    const QString marker = m_home.path() + "/restarted.txt";
-    qputenv(restartMarker, QFile::encodeName(marker));
-    KUtils().restartApp();
-    qunsetenv(restartMarker);
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(marker), 10000);
-    const QStringList expected =
-        QStringList{QCoreApplication::applicationFilePath()} + QCoreApplication::arguments().mid(1);
-    QCOMPARE(QString::fromUtf8(readFileBytes(marker)), expected.join('\n'));
-}
 
 int main(int argc, char *argv[])
 {

@@ -14,8 +14,7 @@
 #include <thread>
 
 // An HTTP or HTTPS server on 127.0.0.1 in a thread of its own. It keeps every
-// request (method, path, decoded query or form, headers, body), and a handler
-// can hold its answer until the test releases it.
+// request, and a handler can hold its answer until the test releases it.
 class LoopbackServer
 {
 public:
@@ -45,10 +44,7 @@ public:
     void on(const char *method, const std::string &path, Handler handler)
     {
         auto recorded = [this, handler](const httplib::Request &request, httplib::Response &response) {
-            {
-                const std::lock_guard lock(mutex);
-                log.push_back(request);
-            }
+            locked([&] { log.push_back(request); });
             handler(request, response);
         };
         std::string_view(method) == "POST" ? server->Post(path, recorded) : server->Get(path, recorded);
@@ -59,31 +55,29 @@ public:
         const std::lock_guard lock(mutex);
         return log;
     }
-
     void clear()
     {
-        const std::lock_guard lock(mutex);
-        log.clear();
-        released = false;
+        locked([this] { log.clear(), released = false; });
     }
-
     // For handlers: waits until the test calls release(), ten seconds at most.
     void hold()
     {
         std::unique_lock lock(mutex);
         wake.wait_for(lock, std::chrono::seconds(10), [this] { return released; });
     }
-
     void release()
     {
-        {
-            const std::lock_guard lock(mutex);
-            released = true;
-        }
+        locked([this] { released = true; });
         wake.notify_all();
     }
 
 private:
+    template<typename F> void locked(F &&work)
+    {
+        const std::lock_guard lock(mutex);
+        work();
+    }
+
     std::unique_ptr<httplib::Server> server;
     const char *scheme;
     int port = 0;
@@ -94,10 +88,7 @@ private:
     std::vector<httplib::Request> log;
 };
 
-inline QString qs(const std::string &text)
-{
-    return QString::fromStdString(text);
-}
+inline QString qs(const std::string &text) { return QString::fromStdString(text); }
 
 inline LoopbackServer::Handler answer(std::string body, int status = 200, const char *type = "application/json")
 {
