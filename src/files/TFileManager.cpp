@@ -6,6 +6,7 @@
 #include "os/AppRegistry.h"
 #include "os/CompanionApp.h"
 #include "os/Shell.h"
+#include "plugin/Configuration.h"
 #include "videoio/DelayedDeleter.h"
 #include "videoio/FFReaderUtils.h"
 #include "videoio/Reader.h"
@@ -519,7 +520,7 @@ void TFileManager::zipFilesAndShow(QVariantMap pathPatterns, QString zipPath, bo
     }
     qCInfo(lcFileManager).noquote() << "Logging files:" << contents.keys();
 
-    if (!kzutils::saveEncryptedFile(contents, zipPath)) {
+    if (!kzutils::saveEncryptedFile(contents, zipPath, Configuration::instance().archivePassword)) {
         qCCritical(lcFileManager).noquote() << "Unable to zip files";
         return;
     }

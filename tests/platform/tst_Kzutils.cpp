@@ -1,9 +1,7 @@
 #include "aiutils/kzutils.h"
-#include "plugin/Configuration.h"
 
 #include <QDir>
 #include <QFile>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -73,11 +71,10 @@ class tst_Kzutils : public QObject
 
 private slots:
     void initTestCase();
-    void cleanupTestCase();
 
     void savedArchiveRoundTrips_data();
     void savedArchiveRoundTrips();
-    void entriesAreEncipheredWithTheConfiguredPassword();
+    void entriesAreEncipheredWithThePassword();
     void savingNothingFailsAndKeepsTheOldFile();
 
     void verification_data();
@@ -96,27 +93,12 @@ private:
 void tst_Kzutils::initTestCase()
 {
     QVERIFY(m_dir.isValid());
-    const QString configPath = m_dir.filePath(QStringLiteral("config.json"));
-    QFile config(configPath);
-    QVERIFY(config.open(QIODevice::WriteOnly));
-    config.write(QJsonDocument(QJsonObject{{QStringLiteral("archivePassword"), password}}).toJson());
-    config.close();
-    qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(configPath));
-    Configuration::reload();
-    QCOMPARE(Configuration::instance().archivePassword, password);
-
     const QString modelPath = m_dir.filePath(QStringLiteral("model.kz"));
     QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), noise(200000, 7)},
                                         {QStringLiteral("graph.json"), QByteArray(5000, '{')}},
-                                       modelPath));
+                                       modelPath, password));
     m_goodModel = readAll(modelPath);
     QVERIFY(!m_goodModel.isEmpty());
-}
-
-void tst_Kzutils::cleanupTestCase()
-{
-    qunsetenv("KUTILS_CONFIG_FILE");
-    Configuration::reload();
 }
 
 void tst_Kzutils::savedArchiveRoundTrips_data()
@@ -135,17 +117,17 @@ void tst_Kzutils::savedArchiveRoundTrips()
 {
     QFETCH(Buffers, files);
     const QString path = m_dir.filePath(QStringLiteral("roundtrip/out.zip"));
-    QVERIFY(kzutils::saveEncryptedFile(files, path));
+    QVERIFY(kzutils::saveEncryptedFile(files, path, password));
     QCOMPARE(unpack(path, password.toUtf8()), files);
     QVERIFY(kzutils::verifyCompressedBuffer(QStringLiteral("out.zip"), readAll(path),
                                             QVariantMap{{QStringLiteral("password"), password}}, true));
 }
 
-void tst_Kzutils::entriesAreEncipheredWithTheConfiguredPassword()
+void tst_Kzutils::entriesAreEncipheredWithThePassword()
 {
     const QString path = m_dir.filePath(QStringLiteral("secret.zip"));
     const QByteArray secret = "plain words that must not show in the archive";
-    QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("note.txt"), secret}}, path));
+    QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("note.txt"), secret}}, path, password));
     QVERIFY(!readAll(path).contains(secret));
     const auto withoutPassword = unpack(path, {});
     QCOMPARE(withoutPassword.size(), 1);
@@ -156,9 +138,9 @@ void tst_Kzutils::entriesAreEncipheredWithTheConfiguredPassword()
 void tst_Kzutils::savingNothingFailsAndKeepsTheOldFile()
 {
     const QString path = m_dir.filePath(QStringLiteral("kept.zip"));
-    QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("a"), "a"}}, path));
+    QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("a"), "a"}}, path, password));
     const QByteArray before = readAll(path);
-    QVERIFY(!kzutils::saveEncryptedFile({}, path));
+    QVERIFY(!kzutils::saveEncryptedFile({}, path, password));
     QCOMPARE(readAll(path), before);
 }
 
@@ -179,13 +161,8 @@ void tst_Kzutils::verification_data()
     QTest::newRow("not an archive") << QByteArray(4096, 'x') << password << true << false;
 
     // A plain ZIP is no model file, whatever its content.
-    qunsetenv("KUTILS_CONFIG_FILE");
-    Configuration::reload();
     const QString plainPath = m_dir.filePath(QStringLiteral("plain.zip"));
-    const bool saved = kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), noise(1000, 3)}}, plainPath);
-    qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(m_dir.filePath(QStringLiteral("config.json"))));
-    Configuration::reload();
-    QVERIFY(saved);
+    QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), noise(1000, 3)}}, plainPath, QString()));
     QTest::newRow("not enciphered") << readAll(plainPath) << password << true << false;
 }
 
