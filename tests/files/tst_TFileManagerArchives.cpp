@@ -107,12 +107,10 @@ private slots:
 
     void twoQueuedArchivesFinishInOrderWithTheirContent();
     void damagedEntryIsDroppedAndTheArchiveStillFinishes();
-    void nonArchiveIsLoggedAndNeverSignalled();
-    void missingOutputFolderIsCreated();
+    void unopenableArchiveOrOutputIsLoggedAndNeverSignalled();
     void archiveWithoutEntriesReportsZeroOfZero();
     void hostileEntriesNeverLandOutside_data();
     void hostileEntriesNeverLandOutside();
-    void unwritableOutputFolderIsLoggedAndSilent();
     void destroyingWithQueuedRequestsReturns();
 
 private:
@@ -150,6 +148,9 @@ void tst_TFileManagerArchives::twoQueuedArchivesFinishInOrderWithTheirContent()
     const QString secondZip = makeZip(QStringLiteral("second.zip"), second);
     QVERIFY(!firstZip.isEmpty() && !secondZip.isEmpty());
     const QString out = m_dir.filePath(QStringLiteral("ordered"));
+
+    // An older file of an entry's name is replaced.
+    QVERIFY(writeFile(out + QStringLiteral("/2/c.txt"), "older and longer than nothing"));
 
     TFileManager manager;
     UnzipRecorder recorder(manager);
@@ -200,12 +201,14 @@ void tst_TFileManagerArchives::damagedEntryIsDroppedAndTheArchiveStillFinishes()
     QVERIFY(log.contains(QStringLiteral("decompressZip Failed to read entry:")));
 }
 
-void tst_TFileManagerArchives::nonArchiveIsLoggedAndNeverSignalled()
+void tst_TFileManagerArchives::unopenableArchiveOrOutputIsLoggedAndNeverSignalled()
 {
     const QString notZip = m_dir.filePath(QStringLiteral("notes.zip"));
     QVERIFY(writeFile(notZip, QByteArray("just some words, no archive\n").repeated(20)));
     const QString goodZip = makeZip(QStringLiteral("after.zip"), {{QStringLiteral("x.txt"), "x"}});
     QVERIFY(!goodZip.isEmpty());
+    const QString blocker = m_dir.filePath(QStringLiteral("blocker"));
+    QVERIFY(writeFile(blocker, "a file where a folder should be"));
 
     LogCapture log;
     TFileManager manager;
@@ -213,24 +216,14 @@ void tst_TFileManagerArchives::nonArchiveIsLoggedAndNeverSignalled()
     QCOMPARE(manager.queueUnzipRequest(notZip, m_dir.filePath(QStringLiteral("never"))), 1);
     QCOMPARE(manager.queueUnzipRequest(m_dir.filePath(QStringLiteral("missing.zip")),
                                        m_dir.filePath(QStringLiteral("never"))), 2);
+    QCOMPARE(manager.queueUnzipRequest(goodZip, blocker + QStringLiteral("/out")), 3);
     // A good archive queued behind them tells when the worker has passed them.
-    QCOMPARE(manager.queueUnzipRequest(goodZip, m_dir.filePath(QStringLiteral("after"))), 3);
-    QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedIds(), QList<int>{3}, 20000);
-    QVERIFY(recorder.progressOf(1).isEmpty() && recorder.progressOf(2).isEmpty());
+    QCOMPARE(manager.queueUnzipRequest(goodZip, m_dir.filePath(QStringLiteral("after"))), 4);
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedIds(), QList<int>{4}, 20000);
+    QVERIFY(recorder.progressOf(1).isEmpty() && recorder.progressOf(2).isEmpty() && recorder.progressOf(3).isEmpty());
     QCOMPARE(log.count(QStringLiteral(" decompressZip Failed to open zip file:")), 2);
+    QVERIFY(log.contains(QStringLiteral("decompressZip Failed to recreate output directory:")));
     QVERIFY(!QFileInfo::exists(m_dir.filePath(QStringLiteral("never"))));
-}
-
-void tst_TFileManagerArchives::missingOutputFolderIsCreated()
-{
-    const QString archive = makeZip(QStringLiteral("deep.zip"), {{QStringLiteral("f.txt"), "f"}});
-    const QString out = m_dir.filePath(QStringLiteral("not/yet/there"));
-    QVERIFY(!QFileInfo::exists(out));
-    TFileManager manager;
-    UnzipRecorder recorder(manager);
-    manager.queueUnzipRequest(archive, out);
-    QTRY_COMPARE_WITH_TIMEOUT(recorder.finished.size(), 1, 20000);
-    QCOMPARE(readFileBytes(out + QStringLiteral("/f.txt")), QByteArray("f"));
 }
 
 void tst_TFileManagerArchives::archiveWithoutEntriesReportsZeroOfZero()
@@ -254,7 +247,6 @@ void tst_TFileManagerArchives::hostileEntriesNeverLandOutside_data()
 
     QTest::newRow("parent") << QStringLiteral("../x.txt") << QString();
     QTest::newRow("through a folder") << QStringLiteral("a/../../x.txt") << QString();
-    QTest::newRow("far up") << QStringLiteral("../../../../../../../../x.txt") << QString();
     QTest::newRow("absolute") << QStringLiteral("<sandbox>/x.txt") << QString();
     QTest::newRow("sibling with common prefix") << QStringLiteral("../out-evil/x.txt") << QString();
     QTest::newRow("dots that stay inside") << QStringLiteral("a/../b/./x.txt") << QStringLiteral("b/x.txt");
@@ -291,23 +283,6 @@ void tst_TFileManagerArchives::hostileEntriesNeverLandOutside()
         QVERIFY(log.contains(QStringLiteral("decompressZip Refused entry outside the output directory:")));
     else
         QCOMPARE(readFileBytes(out + QLatin1Char('/') + landsInside), QByteArray("payload"));
-}
-
-void tst_TFileManagerArchives::unwritableOutputFolderIsLoggedAndSilent()
-{
-    const QString archive = makeZip(QStringLiteral("blocked.zip"), {{QStringLiteral("f.txt"), "f"}});
-    const QString blocker = m_dir.filePath(QStringLiteral("blocker"));
-    QVERIFY(writeFile(blocker, "a file where a folder should be"));
-    const QString goodZip = makeZip(QStringLiteral("blocked-after.zip"), {{QStringLiteral("y.txt"), "y"}});
-
-    LogCapture log;
-    TFileManager manager;
-    UnzipRecorder recorder(manager);
-    manager.queueUnzipRequest(archive, blocker + QStringLiteral("/out"));
-    manager.queueUnzipRequest(goodZip, m_dir.filePath(QStringLiteral("blocked-after")));
-    QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedIds(), QList<int>{2}, 20000);
-    QVERIFY(recorder.progressOf(1).isEmpty());
-    QVERIFY(log.contains(QStringLiteral("decompressZip Failed to recreate output directory:")));
 }
 
 void tst_TFileManagerArchives::destroyingWithQueuedRequestsReturns()

@@ -2,8 +2,6 @@
 
 #include <QtTest>
 
-#include <thread>
-
 class ConsoleLoggerTest : public QObject
 {
     Q_OBJECT
@@ -15,8 +13,6 @@ private slots:
     void lineFormat();
     void sinkSeesEveryCallEvenWhileDisabled();
     void disabledLoggerWritesNothing();
-    void toggleTagMarksAStretchOfWork();
-    void threadsGetStableColours();
     void costlyMessagesAreBuiltOnlyForAListener();
 };
 
@@ -26,12 +22,10 @@ void ConsoleLoggerTest::lineFormat_data()
     QTest::addColumn<QString>("word");
     QTest::addColumn<QString>("colour");
     QTest::newRow("info") << 0 << " INFO" << "\033[32m";
-    QTest::newRow("debug") << 1 << "DEBUG" << "\033[36m";
     QTest::newRow("warn") << 2 << " WARN" << "\033[33m";
     QTest::newRow("critical") << 3 << " CRIT" << "\033[31m";
     QTest::newRow("fatal") << 4 << "FATAL" << "\033[1;41m";
     QTest::newRow("unknown level") << 9 << "  LOG" << "\033[37m";
-    QTest::newRow("negative level") << -1 << "  LOG" << "\033[37m";
 }
 
 void ConsoleLoggerTest::lineFormat()
@@ -100,31 +94,6 @@ void ConsoleLoggerTest::disabledLoggerWritesNothing()
         QCOMPARE(out.contains(" WARN\033[0m: "), mode == QLatin1String("enabled"));
         QCOMPARE(out.contains("spoken"), mode == QLatin1String("enabled"));
     }
-}
-
-void ConsoleLoggerTest::toggleTagMarksAStretchOfWork()
-{
-    ConsoleLogger logger;
-    logger.prefix = QStringLiteral("Timeline ");
-    logger.toggleTag(QStringLiteral("[inject] "));
-    QCOMPARE(logger.prefix, QStringLiteral("Timeline [inject] "));
-    logger.toggleTag(QStringLiteral("[remove] "));
-    QCOMPARE(logger.prefix, QStringLiteral("Timeline [inject] [remove] "));
-    logger.toggleTag(QStringLiteral("[inject] "));
-    QCOMPARE(logger.prefix, QStringLiteral("Timeline [remove] "));
-    logger.toggleTag(QStringLiteral("[remove] "));
-    QCOMPARE(logger.prefix, QStringLiteral("Timeline "));
-}
-
-void ConsoleLoggerTest::threadsGetStableColours()
-{
-    auto colourOf = [](const QByteArray &line) { return line.left(line.indexOf('\n')); };
-    const QByteArray here1 = colourOf(ConsoleLogger::formatLine({}, {}, 0));
-    const QByteArray here2 = colourOf(ConsoleLogger::formatLine({}, {}, 3));
-    QCOMPARE(here1, here2);
-    QByteArray there;
-    std::thread([&there, &colourOf] { there = colourOf(ConsoleLogger::formatLine({}, {}, 0)); }).join();
-    QVERIFY(there.startsWith("\033[1;3"));
 }
 
 void ConsoleLoggerTest::costlyMessagesAreBuiltOnlyForAListener()

@@ -1,4 +1,3 @@
-#include "plugin/TClipboard.h"
 #include "plugin/TDarkWindow.h"
 #include "plugin/XModelManagerUtils.h"
 
@@ -14,7 +13,6 @@ class SmallServicesTest : public QObject
 private slots:
     void includesWalksSortedLists_data();
     void includesWalksSortedLists();
-    void clipboardRoundTrip();
     void showMaximizeFillsTheAvailableArea();
     void darkWindowWithoutWindowEndsTheProcess();
 };
@@ -24,15 +22,11 @@ void SmallServicesTest::includesWalksSortedLists_data()
     QTest::addColumn<QStringList>("first");
     QTest::addColumn<QStringList>("second");
     QTest::addColumn<bool>("expected");
-    QTest::newRow("a,b includes b") << QStringList{"a", "b"} << QStringList{"b"} << true;
-    QTest::newRow("a does not include a,b") << QStringList{"a"} << QStringList{"a", "b"} << false;
     QTest::newRow("unsorted b,a does not find a") << QStringList{"b", "a"} << QStringList{"a"} << false;
     QTest::newRow("empty second is always included") << QStringList{} << QStringList{} << true;
-    QTest::newRow("empty first, non-empty second") << QStringList{} << QStringList{"a"} << false;
     QTest::newRow("gaps in first") << QStringList{"a", "c", "e", "g"} << QStringList{"c", "g"} << true;
     QTest::newRow("missing middle element") << QStringList{"a", "c", "e"} << QStringList{"a", "d"} << false;
     QTest::newRow("duplicates in second need duplicates in first") << QStringList{"a", "b"} << QStringList{"a", "a"} << false;
-    QTest::newRow("case sorts by code point") << QStringList{"B", "a"} << QStringList{"B", "a"} << true;
 }
 
 void SmallServicesTest::includesWalksSortedLists()
@@ -42,13 +36,6 @@ void SmallServicesTest::includesWalksSortedLists()
     QFETCH(bool, expected);
     XModelManagerUtils utils;
     QCOMPARE(utils.includes(first, second), expected);
-}
-
-void SmallServicesTest::clipboardRoundTrip()
-{
-    TClipboard clipboard;
-    clipboard.setText(QStringLiteral("00:01:00;02"));
-    QCOMPARE(clipboard.text(), QStringLiteral("00:01:00;02"));
 }
 
 void SmallServicesTest::showMaximizeFillsTheAvailableArea()
