@@ -124,7 +124,8 @@ bool ZipExtractor::extract(const QString &inPath, const QString &outPath, const 
     using Clock = std::chrono::steady_clock;
     auto lastReport = Clock::now();
     std::vector<char> buffer(writeChunk);
-    // Entries come grouped by folder, so most share the parent made last.
+    // Entries come grouped by folder, after the folder's own entry, so most
+    // find their parent made already.
     QString madeParent;
 
     for (int index = 0; index < total; ++index) {
@@ -141,7 +142,9 @@ bool ZipExtractor::extract(const QString &inPath, const QString &outPath, const 
         }
 
         if (isFolderEntry(name)) {
-            if (!QDir().mkpath(target))
+            if (QDir().mkpath(target))
+                madeParent = target;
+            else
                 qCWarning(lcFileManager).noquote() << " decompressZip Failed to create directory:" << target;
         } else if (const QString parent = QFileInfo(target).absolutePath();
                    parent != madeParent && !QDir().mkpath(parent)) {
