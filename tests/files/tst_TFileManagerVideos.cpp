@@ -52,7 +52,6 @@ private slots:
         QTest::addColumn<bool>("ok");
         QTest::addColumn<int>("duration");
         QTest::newRow("half of the first, all of the second") << "<video>" << 25 << true << 3000;
-        QTest::newRow("all of the first") << "<video>" << 0 << true << 4000;
         QTest::newRow("missing first input") << "<missing>" << 25 << false << 0;
     }
 
