@@ -226,24 +226,6 @@ private slots:
         QCOMPARE(describe(timeline), QStringLiteral("I(0,10000)"));
     }
 
-    void previewLookupIsInclusiveAtBothEnds_data()
-    {
-        QTest::addColumn<qint64>("ts");
-        QTest::addColumn<QString>("found");
-        QTest::newRow("at x") << qint64(2000) << "A";
-        QTest::newRow("at y") << qint64(3000) << "A";
-        QTest::newRow("at y + 1") << qint64(3001) << "";
-    }
-
-    void previewLookupIsInclusiveAtBothEnds()
-    {
-        QFETCH(qint64, ts);
-        QFETCH(QString, found);
-        const auto built = build({"A=2000,3000", "B=4000,5000"});
-        const auto preview = built->timeline.getPreviewAt(ts);
-        QCOMPARE(preview ? QString::fromStdString(preview->filepath) : QString(), found);
-    }
-
     // Lookups go by file: a preview of the input's own file counts as the input.
     void previewOfTheInputsOwnFileIsNotAPreviewForLookups()
     {
@@ -256,13 +238,6 @@ private slots:
         const std::vector<QPoint> ranges = timeline.getPreviewRanges();
         QCOMPARE(ranges.size(), std::size_t(1));
         QCOMPARE(ranges.front(), QPoint(5000, 6000));
-    }
-
-    void previewRangesComeInStretchOrder()
-    {
-        const auto built = build({"A=6000,7000", "B=1000,2000", "C=3000,3500"});
-        const std::vector<QPoint> expected{{1000, 2000}, {3000, 3500}, {6000, 7000}};
-        QCOMPARE(built->timeline.getPreviewRanges(), expected);
     }
 
     void getRDataPointsIndexAtTheStretch_data()
