@@ -94,17 +94,6 @@ private slots:
         QCOMPARE(output, QStringLiteral("second|42|2.5|true|word with spaces|"));
     }
 
-    void environmentChangesAfterStartDoNotReachTheChild()
-    {
-        TProcess process;
-        process.start(QStringLiteral("sh"), {QStringLiteral("-c"), QStringLiteral("read line; printf '[%s]' \"$LATE\"")});
-        QVERIFY(process.QProcess::waitForStarted(10000));
-        process.addEnvironmentVariable(QStringLiteral("LATE"), QStringLiteral("too late"));
-        process.write("go\n");
-        process.waitForFinished(20000);
-        QCOMPARE(process.readAllStandardOutput(), QStringLiteral("[]"));
-    }
-
     void destroyingKillsTheChild()
     {
         auto process = std::make_unique<TProcess>();

@@ -84,7 +84,6 @@ private slots:
         QTest::addColumn<QString>("latter");
         QTest::newRow("other size") << "large.mp4";
         QTest::newRow("other codec") << "mpeg4.mp4";
-        QTest::newRow("missing") << "none.mp4";
     }
     void incompatibleInputsAreRefused()
     {

@@ -156,9 +156,6 @@ private slots:
         QTest::newRow("P P P: the stretch becomes input")
             << QStringList{"A=2000,3000", "B=3001,4000", "C=4001,5000", "-B"}
             << "I(0,1999) A(2000,3000) I(3001,4000) C(4001,5000) I(5001,10000)" << "$$_$$ Hit case 1.4 P->P->P";
-        QTest::newRow("first P then P")
-            << QStringList{"A=0,3000", "B=3001,10000", "-A"} << "I(0,3000) B(3001,10000)"
-            << "$$_$$ Hit case 2.2 P->P";
         QTest::newRow("P then last P: input stretches stay apart")
             << QStringList{"A=2000,3000", "B=3001,10000", "-B"} << "I(0,1999) A(2000,3000) I(3001,10000)"
             << "$$_$$ Hit case 3.2 P->P";
