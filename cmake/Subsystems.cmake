@@ -2,9 +2,12 @@
 # own archive and the tests that link it. kutils_core gathers them all: it is
 # the internal library that tests and the plugin link.
 #
-#   kutils_subsystem(<target> DIRS <dir>... [EXCLUDE <file>...] [SOURCES <file>...] [LIBS <lib>...])
+#   kutils_subsystem(<target> [PLATFORM] DIRS <dir>... [EXCLUDE <file>...] [SOURCES <file>...] [LIBS <lib>...])
+#
+# PLATFORM archives see platform/ only: an include of src/ from there fails to
+# compile, so the layers keep pointing one way.
 function(kutils_subsystem target)
-  cmake_parse_arguments(S "" "" "DIRS;EXCLUDE;SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(S "PLATFORM" "" "DIRS;EXCLUDE;SOURCES;LIBS" ${ARGN})
   set(_sources ${S_SOURCES})
   foreach(_dir IN LISTS S_DIRS)
     file(GLOB _found CONFIGURE_DEPENDS ${_dir}/*.cpp ${_dir}/*.h)
@@ -23,8 +26,12 @@ function(kutils_subsystem target)
     add_library(${target} INTERFACE)
     set(_scope INTERFACE)
   endif()
-  target_include_directories(${target} ${_scope}
-    ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/platform ${PROJECT_BINARY_DIR}/generated)
+  if(S_PLATFORM)
+    target_include_directories(${target} ${_scope} ${PROJECT_SOURCE_DIR}/platform)
+  else()
+    target_include_directories(${target} ${_scope}
+      ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/platform ${PROJECT_BINARY_DIR}/generated)
+  endif()
   target_link_libraries(${target} ${_scope} ${S_LIBS})
 endfunction()
 

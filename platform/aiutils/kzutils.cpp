@@ -1,7 +1,6 @@
 #include "aiutils/kzutils.h"
 
 #include "aiutils/Logger.h"
-#include "plugin/Configuration.h"
 
 #include <QDir>
 #include <QFile>
@@ -60,7 +59,7 @@ bool readEntryThrough(zip_file_t *file, zip_uint64_t expectedSize)
 
 } // namespace
 
-bool saveEncryptedFile(const QMap<QString, QByteArray> &files, const QString &path)
+bool saveEncryptedFile(const QMap<QString, QByteArray> &files, const QString &path, const QString &password)
 {
     if (files.isEmpty()) {
         aiutils::Logger::Log() << "kzutils:: nothing to store in " << path;
@@ -79,7 +78,7 @@ bool saveEncryptedFile(const QMap<QString, QByteArray> &files, const QString &pa
         return false;
     }
 
-    const QByteArray password = Configuration::instance().archivePassword.toUtf8();
+    const QByteArray key = password.toUtf8();
     for (auto it = files.cbegin(); it != files.cend(); ++it) {
         // The buffers outlive the archive handle, so libzip may read them in place at zip_close.
         zip_source_t *source = zip_source_buffer(archive.get(), it->constData(), zip_uint64_t(it->size()), 0);
@@ -94,8 +93,8 @@ bool saveEncryptedFile(const QMap<QString, QByteArray> &files, const QString &pa
             aiutils::Logger::Log() << "kzutils:: cannot add " << it.key() << ": " << errorText(archive.get());
             return false;
         }
-        if (!password.isEmpty()
-            && zip_file_set_encryption(archive.get(), zip_uint64_t(index), ZIP_EM_AES_256, password.constData()) < 0) {
+        if (!key.isEmpty()
+            && zip_file_set_encryption(archive.get(), zip_uint64_t(index), ZIP_EM_AES_256, key.constData()) < 0) {
             aiutils::Logger::Log() << "kzutils:: cannot encrypt " << it.key() << ": " << errorText(archive.get());
             return false;
         }

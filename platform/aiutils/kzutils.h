@@ -16,11 +16,11 @@
 // are compared.
 namespace kzutils {
 
-// Stores the named buffers in one AES-256 ZIP archive at `path`, under the
-// archive password of the configuration (a plain archive when that is empty).
-// The archive is built beside the target and renamed into place, so a failure
-// leaves any earlier file as it was. False on failure or when `files` is empty.
-bool saveEncryptedFile(const QMap<QString, QByteArray> &files, const QString &path);
+// Stores the named buffers in one AES-256 ZIP archive at `path`, under
+// `password` (a plain archive when that is empty). The archive is built beside
+// the target and renamed into place, so a failure leaves any earlier file as it
+// was. False on failure or when `files` is empty.
+bool saveEncryptedFile(const QMap<QString, QByteArray> &files, const QString &path, const QString &password);
 
 // True when `bytes` hold a good `.kz` model file. `options["password"]` is the
 // password of its entries. With `readThrough` every entry is decompressed to its

@@ -536,7 +536,7 @@ void TFileManager::zipFilesAndShow(QVariantMap pathPatterns, QString zipPath, bo
     }
     qCInfo(lcFileManager).noquote() << "Logging files:" << contents.keys();
 
-    if (!kzutils::saveEncryptedFile(contents, zipPath)) {
+    if (!kzutils::saveEncryptedFile(contents, zipPath, Configuration::instance().archivePassword)) {
         qCCritical(lcFileManager).noquote() << "Unable to zip files";
         return;
     }

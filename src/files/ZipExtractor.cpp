@@ -5,13 +5,15 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
+#include <QRandomGenerator>
 
 #include <zip.h>
 
-#include <array>
 #include <chrono>
+#include <filesystem>
 #include <memory>
+#include <system_error>
+#include <vector>
 
 namespace {
 
@@ -32,35 +34,56 @@ bool isFolderEntry(const QString &name)
     return name.endsWith(QLatin1Char('/')) || name.endsWith(QLatin1Char('\\'));
 }
 
-// Copies one open entry to `target`. The file appears under its name only
-// when the entry was read to its end without error.
-void copyEntry(zip_file_t *entry, const QString &name, const QString &target)
+// 4096-byte reads gather here and go out in one write per megabyte, so a
+// large entry costs a few system calls rather than one per block.
+constexpr qsizetype readBlock = 4096;
+constexpr qsizetype writeChunk = qsizetype(1) << 20;
+
+// A fresh name beside `target` for the bytes of an entry still being read.
+QString temporaryNameFor(const QString &target)
 {
-    QSaveFile output(target);
-    output.setDirectWriteFallback(false);
-    if (!output.open(QIODevice::WriteOnly)) {
+    return target + QStringLiteral(".part-%1").arg(QRandomGenerator::global()->generate(), 8, 16, QLatin1Char('0'));
+}
+
+// Copies one open entry to `target`. The file appears under its name only
+// when the entry was read to its end without error. Nothing is forced to disk:
+// the rename already keeps a half-written entry out of sight, and a sync per
+// entry cost more than the whole decompression.
+void copyEntry(zip_file_t *entry, const QString &name, const QString &target, std::vector<char> &buffer)
+{
+    QFile output(temporaryNameFor(target));
+    if (!output.open(QIODevice::WriteOnly | QIODevice::NewOnly | QIODevice::Unbuffered)) {
         qCWarning(lcFileManager).noquote() << "decompressZip Failed to open output file:" << target;
         return;
     }
-    std::array<char, 4096> block{};
+    const auto fail = [&](const QString &what) {
+        qCWarning(lcFileManager).noquote() << what;
+        output.remove();
+    };
+    qsizetype filled = 0;
+    const auto flush = [&] {
+        const bool written = output.write(buffer.data(), filled) == filled;
+        filled = 0;
+        return written;
+    };
     zip_int64_t got = 0;
-    while ((got = zip_fread(entry, block.data(), block.size())) > 0) {
-        if (output.write(block.data(), got) != got) {
-            qCWarning(lcFileManager).noquote() << "decompressZip Failed to write output file:" << target
-                                         << output.errorString();
-            output.cancelWriting();
-            return;
-        }
+    while ((got = zip_fread(entry, buffer.data() + filled, readBlock)) > 0) {
+        filled += qsizetype(got);
+        if (filled + readBlock > qsizetype(buffer.size()) && !flush())
+            return fail(QStringLiteral("decompressZip Failed to write output file: %1 %2")
+                            .arg(target, output.errorString()));
     }
-    if (got < 0) {
-        qCWarning(lcFileManager).noquote() << "decompressZip Failed to read entry:" << name << "with error:"
-                                     << zip_error_strerror(zip_file_get_error(entry));
-        output.cancelWriting();
-        return;
-    }
-    if (!output.commit())
-        qCWarning(lcFileManager).noquote() << "decompressZip Failed to write output file:" << target
-                                     << output.errorString();
+    if (got < 0)
+        return fail(QStringLiteral("decompressZip Failed to read entry: %1 with error: %2")
+                        .arg(name, QString::fromUtf8(zip_error_strerror(zip_file_get_error(entry)))));
+    if (!flush())
+        return fail(QStringLiteral("decompressZip Failed to write output file: %1 %2").arg(target, output.errorString()));
+    output.close();
+    std::error_code error;
+    std::filesystem::rename(output.filesystemFileName(), std::filesystem::path(target.toStdU16String()), error);
+    if (error)
+        fail(QStringLiteral("decompressZip Failed to write output file: %1 %2")
+                 .arg(target, QString::fromStdString(error.message())));
 }
 
 } // namespace
@@ -100,6 +123,10 @@ bool ZipExtractor::extract(const QString &inPath, const QString &outPath, const 
     const int total = int(zip_get_num_entries(archive.get(), 0));
     using Clock = std::chrono::steady_clock;
     auto lastReport = Clock::now();
+    std::vector<char> buffer(writeChunk);
+    // Entries come grouped by folder, after the folder's own entry, so most
+    // find their parent made already.
+    QString madeParent;
 
     for (int index = 0; index < total; ++index) {
         const char *rawName = zip_get_name(archive.get(), zip_uint64_t(index), ZIP_FL_ENC_GUESS);
@@ -115,15 +142,18 @@ bool ZipExtractor::extract(const QString &inPath, const QString &outPath, const 
         }
 
         if (isFolderEntry(name)) {
-            if (!QDir().mkpath(target))
+            if (QDir().mkpath(target))
+                madeParent = target;
+            else
                 qCWarning(lcFileManager).noquote() << " decompressZip Failed to create directory:" << target;
-        } else if (!QDir().mkpath(QFileInfo(target).absolutePath())) {
-            qCWarning(lcFileManager).noquote() << "decompressZip Failed to create parent directory:"
-                                         << QFileInfo(target).absolutePath();
+        } else if (const QString parent = QFileInfo(target).absolutePath();
+                   parent != madeParent && !QDir().mkpath(parent)) {
+            qCWarning(lcFileManager).noquote() << "decompressZip Failed to create parent directory:" << parent;
         } else if (const ZipFilePtr entry(zip_fopen_index(archive.get(), zip_uint64_t(index), 0)); !entry) {
             qCWarning(lcFileManager).noquote() << "Failed to open file inside zip:" << name;
         } else {
-            copyEntry(entry.get(), name, target);
+            madeParent = parent;
+            copyEntry(entry.get(), name, target, buffer);
         }
 
         const auto now = Clock::now();

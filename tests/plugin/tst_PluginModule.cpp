@@ -9,105 +9,83 @@ class PluginModuleTest : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void everyCreatableTypeCanBeMade_data();
-    void everyCreatableTypeCanBeMade();
-    void twoItemsOfOneTypeAreTwoObjects();
-    void enumCarrierCannotBeMadeButNamesItsValues();
-    void qmldirResourceIsByteExact();
-    void pluginExportsItsThreeEntryPoints();
+    void initTestCase()
+    {
+        engine.addImportPath(QStringLiteral(KUTILS_QML_IMPORT_DIR));
+    }
+
+    void everyCreatableTypeCanBeMade_data()
+    {
+        QTest::addColumn<QString>("name");
+        for (const char *name : {"ImageSequenceConverter", "KUtils", "TEventTracker", "TProcess", "TVideoView", "TClipboard",
+                                 "TVideoInfo", "TFileManager", "TUpdateChecker", "XModelConfiguration", "XModelManagerUtils",
+                                 "VideoPlayer", "TDarkWindow", "InstantReaderWatcher", "MPVObject", "CloudAPI", "RlmHandler",
+                                 "IsolatedPlayer", "NetworkRequestManager", "AmplitudeApi"})
+            QTest::newRow(name) << QString::fromLatin1(name);
+    }
+
+    void everyCreatableTypeCanBeMade()
+    {
+        QFETCH(QString, name);
+        const QByteArray qml = "import QtQuick 2.15\nimport kutils 1.0\nItem { property var made: " + name.toUtf8() + " {} }";
+        std::unique_ptr<QObject> root(create(qml));
+        QVERIFY(root);
+        auto *made = root->property("made").value<QObject *>();
+        QVERIFY(made);
+        QCOMPARE(QString::fromLatin1(made->metaObject()->className()).section(QStringLiteral("::"), -1),
+                 name == QLatin1String("ImageSequenceConverter") ? QStringLiteral("ImgSeqConverter") : name);
+    }
+
+    void enumCarrierCannotBeMadeButNamesItsValues()
+    {
+        QString errors;
+        std::unique_ptr<QObject> made(create("import QtQml\nimport kutils 1.0\nQtObject { property var x: NetworkRequestType {} }",
+                                             &errors));
+        QVERIFY(!made);
+        QVERIFY2(errors.contains(QLatin1String("NetworkRequestType")), qPrintable(errors));
+
+        std::unique_ptr<QObject> root(create("import QtQml\nimport kutils 1.0\nQtObject {\n"
+                                             " property int chunked: NetworkRequestType.ChunkedDownload }"));
+        QVERIFY(root);
+        QCOMPARE(root->property("chunked").toInt(), 2);
+    }
+
+    void qmldirResourceIsByteExact()
+    {
+        std::unique_ptr<QObject> root(create("import QtQml\nimport kutils 1.0\nQtObject {}"));
+        QVERIFY(root);
+        QFile qmldir(QStringLiteral(":/kutils/qmldir"));
+        QVERIFY(qmldir.open(QIODevice::ReadOnly));
+        QCOMPARE(qmldir.readAll(), QByteArray("module kutils\r\ntypeinfo kutils.qmltypes\r\nprefer :/kutils/\r\n\r\n"));
+    }
+
+    void pluginExportsItsThreeEntryPoints()
+    {
+        QProcess nm;
+        nm.start(QStringLiteral("nm"), {QStringLiteral("-D"), QStringLiteral("-C"), QStringLiteral("--defined-only"),
+                                        QStringLiteral(KUTILS_QML_IMPORT_DIR "/kutils/libkutils.so")});
+        QVERIFY(nm.waitForFinished(30000));
+        const QByteArray symbols = nm.readAllStandardOutput();
+        QVERIFY(symbols.contains(" T qml_register_types_kutils()"));
+        QVERIFY(symbols.contains(" T qt_plugin_instance"));
+        QVERIFY(symbols.contains(" T qt_plugin_query_metadata_v2"));
+    }
 
 private:
-    QObject *create(const QByteArray &qml, QString *errors = nullptr);
+    QObject *create(const QByteArray &qml, QString *errors = nullptr)
+    {
+        QQmlComponent component(&engine);
+        component.setData(qml, QUrl(QStringLiteral("inline.qml")));
+        QObject *object = component.create();
+        if (errors)
+            *errors = component.errorString();
+        else if (!object)
+            qWarning().noquote() << component.errorString();
+        return object;
+    }
 
     QQmlEngine engine;
 };
-
-void PluginModuleTest::initTestCase()
-{
-    engine.addImportPath(QStringLiteral(KUTILS_QML_IMPORT_DIR));
-}
-
-QObject *PluginModuleTest::create(const QByteArray &qml, QString *errors)
-{
-    QQmlComponent component(&engine);
-    component.setData(qml, QUrl(QStringLiteral("inline.qml")));
-    QObject *object = component.create();
-    if (errors)
-        *errors = component.errorString();
-    else if (!object)
-        qWarning().noquote() << component.errorString();
-    return object;
-}
-
-void PluginModuleTest::everyCreatableTypeCanBeMade_data()
-{
-    QTest::addColumn<QString>("name");
-    for (const char *name : {"ImageSequenceConverter", "KUtils", "TEventTracker", "TProcess", "TVideoView", "TClipboard",
-                             "TVideoInfo", "TFileManager", "TUpdateChecker", "XModelConfiguration", "XModelManagerUtils",
-                             "VideoPlayer", "TDarkWindow", "InstantReaderWatcher", "MPVObject", "CloudAPI", "RlmHandler",
-                             "IsolatedPlayer", "NetworkRequestManager", "AmplitudeApi"})
-        QTest::newRow(name) << QString::fromLatin1(name);
-}
-
-void PluginModuleTest::everyCreatableTypeCanBeMade()
-{
-    QFETCH(QString, name);
-    const QByteArray qml = "import QtQuick 2.15\nimport kutils 1.0\nItem { property var made: " + name.toUtf8() + " {} }";
-    std::unique_ptr<QObject> root(create(qml));
-    QVERIFY(root);
-    auto *made = root->property("made").value<QObject *>();
-    QVERIFY(made);
-    QCOMPARE(QString::fromLatin1(made->metaObject()->className()).section(QStringLiteral("::"), -1),
-             name == QLatin1String("ImageSequenceConverter") ? QStringLiteral("ImgSeqConverter") : name);
-}
-
-void PluginModuleTest::twoItemsOfOneTypeAreTwoObjects()
-{
-    std::unique_ptr<QObject> root(create("import QtQml\nimport kutils 1.0\n"
-                                         "QtObject { property var a: KUtils {} property var b: KUtils {} }"));
-    QVERIFY(root);
-    QVERIFY(root->property("a").value<QObject *>() != root->property("b").value<QObject *>());
-}
-
-void PluginModuleTest::enumCarrierCannotBeMadeButNamesItsValues()
-{
-    QString errors;
-    std::unique_ptr<QObject> made(create("import QtQml\nimport kutils 1.0\nQtObject { property var x: NetworkRequestType {} }",
-                                         &errors));
-    QVERIFY(!made);
-    QVERIFY2(errors.contains(QLatin1String("NetworkRequestType")), qPrintable(errors));
-
-    std::unique_ptr<QObject> root(create("import QtQml\nimport kutils 1.0\nQtObject {\n"
-                                         " property int download: NetworkRequestType.Download\n"
-                                         " property int check: NetworkRequestType.CheckDownload\n"
-                                         " property int chunked: NetworkRequestType.ChunkedDownload }"));
-    QVERIFY(root);
-    QCOMPARE(root->property("download").toInt(), 0);
-    QCOMPARE(root->property("check").toInt(), 1);
-    QCOMPARE(root->property("chunked").toInt(), 2);
-}
-
-void PluginModuleTest::qmldirResourceIsByteExact()
-{
-    std::unique_ptr<QObject> root(create("import QtQml\nimport kutils 1.0\nQtObject {}"));
-    QVERIFY(root);
-    QFile qmldir(QStringLiteral(":/kutils/qmldir"));
-    QVERIFY(qmldir.open(QIODevice::ReadOnly));
-    QCOMPARE(qmldir.readAll(), QByteArray("module kutils\r\ntypeinfo kutils.qmltypes\r\nprefer :/kutils/\r\n\r\n"));
-}
-
-void PluginModuleTest::pluginExportsItsThreeEntryPoints()
-{
-    QProcess nm;
-    nm.start(QStringLiteral("nm"), {QStringLiteral("-D"), QStringLiteral("-C"), QStringLiteral("--defined-only"),
-                                    QStringLiteral(KUTILS_QML_IMPORT_DIR "/kutils/libkutils.so")});
-    QVERIFY(nm.waitForFinished(30000));
-    const QByteArray symbols = nm.readAllStandardOutput();
-    QVERIFY(symbols.contains(" T qml_register_types_kutils()"));
-    QVERIFY(symbols.contains(" T qt_plugin_instance"));
-    QVERIFY(symbols.contains(" T qt_plugin_query_metadata_v2"));
-}
 
 QTEST_MAIN(PluginModuleTest)
 #include "tst_PluginModule.moc"

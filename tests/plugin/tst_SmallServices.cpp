@@ -1,4 +1,3 @@
-#include "plugin/TClipboard.h"
 #include "plugin/TDarkWindow.h"
 #include "plugin/XModelManagerUtils.h"
 
@@ -12,72 +11,55 @@ class SmallServicesTest : public QObject
     Q_OBJECT
 
 private slots:
-    void includesWalksSortedLists_data();
-    void includesWalksSortedLists();
-    void clipboardRoundTrip();
-    void showMaximizeFillsTheAvailableArea();
-    void darkWindowWithoutWindowEndsTheProcess();
-};
-
-void SmallServicesTest::includesWalksSortedLists_data()
-{
-    QTest::addColumn<QStringList>("first");
-    QTest::addColumn<QStringList>("second");
-    QTest::addColumn<bool>("expected");
-    QTest::newRow("a,b includes b") << QStringList{"a", "b"} << QStringList{"b"} << true;
-    QTest::newRow("a does not include a,b") << QStringList{"a"} << QStringList{"a", "b"} << false;
-    QTest::newRow("unsorted b,a does not find a") << QStringList{"b", "a"} << QStringList{"a"} << false;
-    QTest::newRow("empty second is always included") << QStringList{} << QStringList{} << true;
-    QTest::newRow("empty first, non-empty second") << QStringList{} << QStringList{"a"} << false;
-    QTest::newRow("gaps in first") << QStringList{"a", "c", "e", "g"} << QStringList{"c", "g"} << true;
-    QTest::newRow("missing middle element") << QStringList{"a", "c", "e"} << QStringList{"a", "d"} << false;
-    QTest::newRow("duplicates in second need duplicates in first") << QStringList{"a", "b"} << QStringList{"a", "a"} << false;
-    QTest::newRow("case sorts by code point") << QStringList{"B", "a"} << QStringList{"B", "a"} << true;
-}
-
-void SmallServicesTest::includesWalksSortedLists()
-{
-    QFETCH(QStringList, first);
-    QFETCH(QStringList, second);
-    QFETCH(bool, expected);
-    XModelManagerUtils utils;
-    QCOMPARE(utils.includes(first, second), expected);
-}
-
-void SmallServicesTest::clipboardRoundTrip()
-{
-    TClipboard clipboard;
-    clipboard.setText(QStringLiteral("00:01:00;02"));
-    QCOMPARE(clipboard.text(), QStringLiteral("00:01:00;02"));
-}
-
-void SmallServicesTest::showMaximizeFillsTheAvailableArea()
-{
-    QWindow window;
-    window.setGeometry(10, 10, 100, 80);
-    TDarkWindow dark;
-    dark.showMaximize(&window);
-    QCOMPARE(window.geometry(), window.screen()->availableGeometry());
-    QCOMPARE(window.windowState(), Qt::WindowNoState);
-    dark.showMaximize(nullptr); // no window: nothing to do, no crash
-}
-
-void SmallServicesTest::darkWindowWithoutWindowEndsTheProcess()
-{
-    if (qEnvironmentVariableIsSet("KUTILS_DARK_CHILD")) {
-        TDarkWindow().setDarkWindow(nullptr);
-        return;
+    void includesWalksSortedLists_data()
+    {
+        QTest::addColumn<QStringList>("first");
+        QTest::addColumn<QStringList>("second");
+        QTest::addColumn<bool>("expected");
+        QTest::newRow("unsorted b,a does not find a") << QStringList{"b", "a"} << QStringList{"a"} << false;
+        QTest::newRow("empty second is always included") << QStringList{} << QStringList{} << true;
+        QTest::newRow("gaps in first") << QStringList{"a", "c", "e", "g"} << QStringList{"c", "g"} << true;
+        QTest::newRow("missing middle element") << QStringList{"a", "c", "e"} << QStringList{"a", "d"} << false;
+        QTest::newRow("duplicates in second need duplicates in first") << QStringList{"a", "b"} << QStringList{"a", "a"} << false;
     }
-    QProcess child;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("KUTILS_DARK_CHILD"), QStringLiteral("1"));
-    child.setProcessEnvironment(env);
-    child.setProcessChannelMode(QProcess::MergedChannels);
-    child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("darkWindowWithoutWindowEndsTheProcess")});
-    QVERIFY(child.waitForFinished(30000));
-    QVERIFY(child.exitStatus() == QProcess::CrashExit || child.exitCode() != 0);
-    QVERIFY(child.readAll().contains("ERROR WIDGET NOT FOUND FOR DARK MODE"));
-}
+
+    void includesWalksSortedLists()
+    {
+        QFETCH(QStringList, first);
+        QFETCH(QStringList, second);
+        QFETCH(bool, expected);
+        XModelManagerUtils utils;
+        QCOMPARE(utils.includes(first, second), expected);
+    }
+
+    void showMaximizeFillsTheAvailableArea()
+    {
+        QWindow window;
+        window.setGeometry(10, 10, 100, 80);
+        TDarkWindow dark;
+        dark.showMaximize(&window);
+        QCOMPARE(window.geometry(), window.screen()->availableGeometry());
+        QCOMPARE(window.windowState(), Qt::WindowNoState);
+        dark.showMaximize(nullptr); // no window: nothing to do, no crash
+    }
+
+    void darkWindowWithoutWindowEndsTheProcess()
+    {
+        if (qEnvironmentVariableIsSet("KUTILS_DARK_CHILD")) {
+            TDarkWindow().setDarkWindow(nullptr);
+            return;
+        }
+        QProcess child;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("KUTILS_DARK_CHILD"), QStringLiteral("1"));
+        child.setProcessEnvironment(env);
+        child.setProcessChannelMode(QProcess::MergedChannels);
+        child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("darkWindowWithoutWindowEndsTheProcess")});
+        QVERIFY(child.waitForFinished(30000));
+        QVERIFY(child.exitStatus() == QProcess::CrashExit || child.exitCode() != 0);
+        QVERIFY(child.readAll().contains("ERROR WIDGET NOT FOUND FOR DARK MODE"));
+    }
+};
 
 QTEST_MAIN(SmallServicesTest)
 #include "tst_SmallServices.moc"

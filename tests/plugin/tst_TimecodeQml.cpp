@@ -10,51 +10,41 @@ class TimecodeQmlTest : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void expressions_data();
-    void expressions();
+    void initTestCase()
+    {
+        engine.addImportPath(QStringLiteral(KUTILS_QML_IMPORT_DIR));
+        QQmlComponent component(&engine);
+        component.setData("import kutils 1.0\nKUtils {}", QUrl(QStringLiteral("inline.qml")));
+        utils.reset(component.create());
+        QVERIFY2(utils, qPrintable(component.errorString()));
+    }
+
+    void expressions_data()
+    {
+        QTest::addColumn<QString>("expression");
+        QTest::addColumn<QVariant>("expected");
+        QTest::newRow("drop-frame label") << "convertMsecToSmpte(60060, 29.97)" << QVariant(QStringLiteral("00:01:00;02"));
+        QTest::newRow("bad rate") << "convertMsecToSmpte(500, 0)" << QVariant(QStringLiteral("00:00:00:15"));
+        QTest::newRow("dropped label reads forward") << "convertSmpteTomsec('00:01:00;00', 29.97)" << QVariant(60060);
+        QTest::newRow("frame msec") << "convertFrameCountToMsec(30, 29.97)" << QVariant(1001);
+        QTest::newRow("single precision") << "convertFrameCountToMsec(16777217, 30)" << QVariant(559240533);
+        QTest::newRow("shape only") << "isValidSmpteTimecode('ab:cd:ef:gh')" << QVariant(true);
+    }
+
+    void expressions()
+    {
+        QFETCH(QString, expression);
+        QFETCH(QVariant, expected);
+        QQmlExpression qmlExpression(engine.rootContext(), utils.get(), expression);
+        const QVariant result = qmlExpression.evaluate();
+        QVERIFY2(!qmlExpression.hasError(), qPrintable(qmlExpression.error().toString()));
+        QCOMPARE(result.toString(), expected.toString());
+    }
 
 private:
     QQmlEngine engine;
     std::unique_ptr<QObject> utils;
 };
-
-void TimecodeQmlTest::initTestCase()
-{
-    engine.addImportPath(QStringLiteral(KUTILS_QML_IMPORT_DIR));
-    QQmlComponent component(&engine);
-    component.setData("import kutils 1.0\nKUtils {}", QUrl(QStringLiteral("inline.qml")));
-    utils.reset(component.create());
-    QVERIFY2(utils, qPrintable(component.errorString()));
-}
-
-void TimecodeQmlTest::expressions_data()
-{
-    QTest::addColumn<QString>("expression");
-    QTest::addColumn<QVariant>("expected");
-    QTest::newRow("drop-frame label") << "convertMsecToSmpte(60060, 29.97)" << QVariant(QStringLiteral("00:01:00;02"));
-    QTest::newRow("23.976 is drop-frame") << "convertMsecToSmpte(1001, 23.976)" << QVariant(QStringLiteral("00:00:01;00"));
-    QTest::newRow("bad rate") << "convertMsecToSmpte(500, 0)" << QVariant(QStringLiteral("00:00:00:15"));
-    QTest::newRow("day wrap") << "convertMsecToSmpte(90000000, 29.97)" << QVariant(QStringLiteral("00:59:59;28"));
-    QTest::newRow("dropped label reads forward") << "convertSmpteTomsec('00:01:00;00', 29.97)" << QVariant(60060);
-    QTest::newRow("hour at 25") << "convertSmpteTomsec('01:00:00:00', 25)" << QVariant(3600000);
-    QTest::newRow("frame count") << "convertMsecToFrameCount(1000, 29.97)" << QVariant(30);
-    QTest::newRow("frame msec") << "convertFrameCountToMsec(30, 29.97)" << QVariant(1001);
-    QTest::newRow("single precision") << "convertFrameCountToMsec(16777217, 30)" << QVariant(559240533);
-    QTest::newRow("snap") << "convertMsToFrameMs(1000, 29.97)" << QVariant(1001);
-    QTest::newRow("shape only") << "isValidSmpteTimecode('ab:cd:ef:gh')" << QVariant(true);
-    QTest::newRow("too long") << "isValidSmpteTimecode('00:00:00:12345')" << QVariant(false);
-}
-
-void TimecodeQmlTest::expressions()
-{
-    QFETCH(QString, expression);
-    QFETCH(QVariant, expected);
-    QQmlExpression qmlExpression(engine.rootContext(), utils.get(), expression);
-    const QVariant result = qmlExpression.evaluate();
-    QVERIFY2(!qmlExpression.hasError(), qPrintable(qmlExpression.error().toString()));
-    QCOMPARE(result.toString(), expected.toString());
-}
 
 QTEST_GUILESS_MAIN(TimecodeQmlTest)
 #include "tst_TimecodeQml.moc"

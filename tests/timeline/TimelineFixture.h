@@ -32,20 +32,6 @@ public:
             found += record.message.startsWith(start) && (level < 0 || record.level == level);
         return found;
     }
-    // Index of the first message that starts with `start`, -1 if none.
-    int indexOf(const QString &start) const
-    {
-        std::lock_guard lock(mutex);
-        for (std::size_t i = 0; i < records.size(); ++i)
-            if (records[i].message.startsWith(start))
-                return int(i);
-        return -1;
-    }
-    void reset()
-    {
-        std::lock_guard lock(mutex);
-        records.clear();
-    }
 
     mutable std::mutex mutex;
     std::vector<ConsoleLogger::Record> records;

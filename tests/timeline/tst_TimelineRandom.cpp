@@ -15,11 +15,6 @@ class tst_TimelineRandom : public QObject
     Q_OBJECT
 
 private:
-    struct Step
-    {
-        QString text;
-    };
-
     static QString checkInvariants(Timeline &timeline)
     {
         const auto &ranges = timeline.rData.ranges;
