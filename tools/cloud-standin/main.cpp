@@ -1,0 +1,49 @@
+// The cloud rendering service on loopback, for tests, benchmarks and the demo.
+// Prints one JSON line with its endpoints, keys, token and CA once it listens,
+// and runs until its standard input closes.
+//
+//   cloud-standin --dir DIR [--chunk-size BYTES] [--render FILTER | --result FILE]
+//                 [--polls N]
+#include "CloudService.h"
+
+#include <cstring>
+#include <iostream>
+#include <string>
+
+int main(int argc, char **argv)
+{
+    ServiceOptions options;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string flag = argv[i], value = argv[i + 1];
+        if (flag == "--dir")
+            options.workDir = value;
+        else if (flag == "--chunk-size")
+            options.chunkSize = std::max(1ull, std::stoull(value));
+        else if (flag == "--render")
+            options.renderFilter = value;
+        else if (flag == "--result")
+            options.resultFile = value;
+        else if (flag == "--polls")
+            options.pollsBeforeComplete = std::stoi(value);
+        else {
+            std::cerr << "cloud-standin: unknown option " << flag << '\n';
+            return 2;
+        }
+    }
+    if (options.workDir.empty()) {
+        std::cerr << "cloud-standin: --dir is required\n";
+        return 2;
+    }
+    options.caDir = options.workDir + "/ca";
+    try {
+        CloudService service(options);
+        std::cout << service.start().dump() << std::endl;
+        std::string line;
+        while (std::getline(std::cin, line)) {
+        }
+        return 0;
+    } catch (const std::exception &error) {
+        std::cerr << "cloud-standin: " << error.what() << '\n';
+        return 1;
+    }
+}
