@@ -1,5 +1,6 @@
 #include "files/TFileManager.h"
 
+#include "aiengine/ModelManager.h"
 #include "aiutils/kzutils.h"
 #include "files/FileManagerLogging.h"
 #include "files/ZipExtractor.h"
@@ -83,6 +84,18 @@ QStringList storageReport()
     }
     return report;
 }
+
+// The model manager, asked before anyone set it up, takes our folders: the
+// catalogue and "proxy.json" live in the default model folder, downloads go to
+// the data folder.
+void installModelFolders()
+{
+    aiengine::ModelManager::setFolderSource([] {
+        TFileManager files;
+        return aiengine::ModelManager::Folders{files.defaultModelFolderPath(), files.getModelFolderPath()};
+    });
+}
+Q_CONSTRUCTOR_FUNCTION(installModelFolders)
 
 } // namespace
 
