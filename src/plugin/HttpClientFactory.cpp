@@ -130,7 +130,7 @@ std::string lower(std::string text)
 
 HttpClientFactory::HttpClientFactory()
 {
-    readStore(aiengine::ModelManager::GetInstance().getModelDirPath() + "/proxy.json");
+    readStore(aiengine::ModelManager::GetInstance().getModelDirPath().toStdString() + "/proxy.json");
 }
 
 HttpClientFactory::HttpClientFactory(const std::string &storePath)
@@ -195,8 +195,10 @@ bool HttpClientFactory::proxyAnswersSanely(const std::string &host, int port) co
     std::string request = "CONNECT " + target + " HTTP/1.1\r\nHost: " + target + "\r\n";
     if (settings.contains("username") && settings["username"].is_string() && !settings["username"].get<std::string>().empty())
         request += "Proxy-Authorization: Basic "
-                   + httplib::detail::base64_encode(settings["username"].get<std::string>() + ":"
-                                                    + settings.value("password", std::string()))
+                   + QByteArray::fromStdString(settings["username"].get<std::string>() + ":"
+                                               + settings.value("password", std::string()))
+                         .toBase64()
+                         .toStdString()
                    + "\r\n";
     request += "\r\n";
     const std::string head = socket.valid() && socket.sendAll(request) ? socket.readHead() : std::string();
@@ -227,7 +229,7 @@ httplib::Result HttpClientFactory::send(const std::string &url, const Call &call
             return httplib::Result(nullptr, httplib::Error::Connection);
         }
         if (enabled && next.starts_with("https://") && !proxyAnswersSanely(target.host, target.port))
-            return httplib::Result(nullptr, httplib::Error::ProxyConnection);
+            return httplib::Result(nullptr, httplib::Error::Connection);
         const std::shared_ptr<httplib::Client> client = makeClient(target.origin);
         client->set_follow_location(false);
         httplib::Result result = call(*client, target.path);
