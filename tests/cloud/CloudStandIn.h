@@ -33,7 +33,9 @@ public:
         const QJsonObject config{{"videoApiProduction", ready["video"]}, {"videoApiStaging", ready["videoStaging"]},
                                  {"accountApiProduction", ready["account"]}, {"accountApiStaging", ready["accountStaging"]},
                                  {"cloudApiKeyProduction", ready["apiKeyProduction"]},
-                                 {"cloudApiKeyStaging", ready["apiKeyStaging"]}, {"caBundle", ready["caBundle"]}};
+                                 {"cloudApiKeyStaging", ready["apiKeyStaging"]}, {"caBundle", ready["caBundle"]},
+                                 // Only asked for its system proxy, never called.
+                                 {"downloadHost", "https://127.0.0.1:9/"}};
         QFile file(m_dir.path() + "/config.json");
         if (file.open(QIODevice::WriteOnly))
             file.write(QJsonDocument(config).toJson());
