@@ -6,6 +6,8 @@
 #include "cloud/TransferRegistry.h"
 #include "plugin/Configuration.h"
 
+#include "plugin/HttpClientFactory.h"
+
 #include "aiutils/Logger.h"
 
 #include <nlohmann/json.hpp>
@@ -216,6 +218,7 @@ void CloudAPI::reset()
 
 void CloudAPI::handleRequests()
 {
+    HttpClientFactory::shieldThreadFromPipeSignal();
     bool quiet = false;
     while (running) {
         QVariantMap request;

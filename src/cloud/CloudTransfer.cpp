@@ -3,6 +3,8 @@
 #include "cloud/CloudAPI.h"
 #include "cloud/CloudPipeline.h"
 
+#include "plugin/HttpClientFactory.h"
+
 #include "aiutils/Logger.h"
 
 using aiutils::Logger;
@@ -46,6 +48,7 @@ void CloudTransfer::queue(int type, uint uid)
 
 void CloudTransfer::handleRequests()
 {
+    HttpClientFactory::shieldThreadFromPipeSignal();
     while (running) {
         QVariantMap request;
         {

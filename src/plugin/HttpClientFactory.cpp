@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -161,6 +162,16 @@ HttpClientFactory &HttpClientFactory::instance()
 
 void HttpClientFactory::trust(httplib::Client &client, const std::string &url)
 {
+    // OpenSSL writes with plain send(): a server that answers and closes before
+    // taking the whole body (a refused upload) would end the application with
+    // SIGPIPE. An application that handles the signal itself keeps its handler.
+    static const bool pipeSignalHandled = [] {
+        struct sigaction current {};
+        if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL)
+            std::signal(SIGPIPE, SIG_IGN);
+        return true;
+    }();
+    Q_UNUSED(pipeSignalHandled);
     if (!url.starts_with("https://"))
         return;
     client.enable_server_certificate_verification(true);
@@ -217,6 +228,14 @@ bool HttpClientFactory::proxyAnswersSanely(const std::string &host, int port) co
         return false;
     }
     return true;
+}
+
+void HttpClientFactory::shieldThreadFromPipeSignal()
+{
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
 }
 
 httplib::Result HttpClientFactory::send(const std::string &url, const Call &call) const

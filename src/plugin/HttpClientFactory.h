@@ -37,6 +37,11 @@ public:
     // of the client's own: its TLS context frees the store, so none is shared.
     static void trust(httplib::Client &client, const std::string &url);
 
+    // Blocks SIGPIPE in the calling thread, for threads that live to make
+    // requests: a refused upload then fails with EPIPE whatever handler the
+    // application installed.
+    static void shieldThreadFromPipeSignal();
+
     bool proxyEnabled() const { return enabled; }
 
 private:

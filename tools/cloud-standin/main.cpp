@@ -6,6 +6,7 @@
 //                 [--polls N]
 #include "CloudService.h"
 
+#include <csignal>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -35,6 +36,8 @@ int main(int argc, char **argv)
         return 2;
     }
     options.caDir = options.workDir + "/ca";
+    // A client that drops a connection mid-answer must not end the service.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
         CloudService service(options);
         std::cout << service.start().dump() << std::endl;
