@@ -639,7 +639,8 @@ void CloudAPI::handleGetHistory(const QVariantMap &request)
         if (!result || !isSuccess(result->status)) {
             Logger::Log() << logPrefix << "/video/history failed: " << (result ? result->status : -1);
         } else {
-            for (const json &element : json::parse(result->body).at("result")) {
+            const json answer = json::parse(result->body);
+            for (const json &element : answer.at("result")) {
                 if (!activeCloudStates.contains(QString::fromStdString(element.at("status").get<std::string>())))
                     continue;
                 QStringList filters;
