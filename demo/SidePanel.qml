@@ -16,6 +16,7 @@ Rectangle {
     property var previews: []
     property string status: ""
     property bool playing: false
+    property alias cloud: cloudPanel
 
     color: "#23272d"
     implicitWidth: 300
@@ -88,6 +89,8 @@ Rectangle {
                 }
             }
         }
+
+        CloudPanel { id: cloudPanel; Layout.fillWidth: true }
 
         Text {
             text: "Previews"

@@ -55,7 +55,7 @@ bool curl(const QStringList &arguments)
 {
     QProcess process;
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start("curl", QStringList{"-s", "-S", "-f", "-o", "/dev/null"} + arguments);
+    process.start("curl", QStringList{"-s", "-S", "-f"} + arguments);
     return process.waitForFinished(-1) && process.exitCode() == 0;
 }
 
@@ -105,7 +105,7 @@ int main(int argc, char **argv)
         ok = ok && other.create() && other.accept();
         const QString curlUploadUrl = service.ready["storage"].toString() + "/upload/"
                                       + QString::fromStdString(other.getRequestId()) + "/1";
-        const double curlUp = seconds([&] { return curl({"--cacert", caBundle, "-T", input, curlUploadUrl}); }, ok);
+        const double curlUp = seconds([&] { return curl({"--cacert", caBundle, "-o", "/dev/null", "-T", input, curlUploadUrl}); }, ok);
         const qint64 beforeUpload = resetPeak();
         const double clientUp = seconds([&] { job.upload(); return true; }, ok);
         upPeak.push_back((peak() - beforeUpload) / 1048576.0);
@@ -119,7 +119,10 @@ int main(int argc, char **argv)
         ok = ok && status == "download";
         const QString resultUrl = service.ready["storage"].toString() + "/result/"
                                   + QString::fromStdString(job.getRequestId()) + "/input.bin";
-        const double curlDown = seconds([&] { return curl({"--cacert", caBundle, resultUrl}); }, ok);
+        // Both write the result to the same folder.
+        const QString curlResult = work.filePath("curl-result.bin");
+        const double curlDown = seconds([&] { return curl({"--cacert", caBundle, "-o", curlResult, resultUrl}); }, ok);
+        QFile::remove(curlResult);
         QObject::connect(&job, &CloudPipeline::errorHit, [&](uint, QString message) {
             std::fprintf(stderr, "download failed: %s\n", qPrintable(message));
             ok = false;
