@@ -1,4 +1,5 @@
 import QtQuick
+import QtQuick.Window
 import QtQuick.Controls
 import QtQuick.Layouts
 import kutils 1.0
@@ -11,7 +12,9 @@ import kutils 1.0
 ColumnLayout {
     id: cloudPanel
 
-    readonly property string serviceFile: root.mediaDir + "/cloud-standin.json"
+    // The demo's window: its input, media folder and preview bookkeeping.
+    readonly property var app: Window.window
+    readonly property string serviceFile: app ? app.mediaDir + "/cloud-standin.json" : ""
     property string token: ""
     property int jobUid: 0
     property string phase: "idle"
@@ -31,49 +34,46 @@ ColumnLayout {
     }
 
     function description() {
-        const info = root.inputInfo
-        return {duration: info.duration, frameCount: utils.convertMsecToFrameCount(info.duration, root.fps),
-                fps: root.fps, inputWidth: info.width, inputHeight: info.height, outputWidth: info.width,
-                outputHeight: info.height, outputFps: root.fps, outputExtension: "mp4", audioBitrate: "",
+        const info = app.inputInfo
+        return {duration: info.duration, frameCount: Math.round(info.duration * app.fps / 1000),
+                fps: app.fps, inputWidth: info.width, inputHeight: info.height, outputWidth: info.width,
+                outputHeight: info.height, outputFps: app.fps, outputExtension: "mp4", audioBitrate: "",
                 audioCodec: "", audioMode: "", videoEncoder: "libx264", videoProfile: "high", videoBitrate: "8M",
                 dynamicBitrateOn: false, cropToFit: false, filtersStr: "[{\"model\":\"demo-1\"}]"}
     }
 
     function estimate() {
-        if (!service() || root.inputPath === "")
+        if (!service() || app.inputPath === "")
             return
-        const values = cloud.getEstimates(token, root.inputPath, description())
+        const values = cloud.getEstimates(token, app.inputPath, description())
         message = "Estimate: " + values[0] + " credits, about " + values[1] + " s"
     }
 
     // Registers a new job for the whole input and sends it; false when there is no service or input.
     function start() {
-        if (!service() || root.inputPath === "" || root.duration <= 0)
+        if (!service() || app.inputPath === "" || app.duration <= 0)
             return false
         cloud.setAuth(token, false)
-        jobUid = root.nextPreviewUid++
-        outputPath = root.mediaDir + "/previews/cloud-" + jobUid + ".mp4"
-        files.mkdir(root.mediaDir + "/previews")
+        jobUid = app.nextPreviewUid++
+        outputPath = app.mediaDir + "/previews/cloud-" + jobUid + ".mp4"
+        files.mkdir(app.mediaDir + "/previews")
         chunksDone = 0
         chunkCount = 0
         phase = "upload"
-        cloud.registerExport(jobUid, "", root.inputPath, token, description(), outputPath, "")
-        cloud.runAndAccept(root.inputPath, description(), jobUid)
+        cloud.registerExport(jobUid, "", app.inputPath, token, description(), outputPath, "")
+        cloud.runAndAccept(app.inputPath, description(), jobUid)
         return true
     }
 
+    // The result goes onto the preview set as a finished render of the whole input does.
     function finished(output) {
         phase = "done"
-        const wasPlaying = player.isPlaying
-        const done = {uid: jobUid, path: output, start: 0, end: root.duration, duration: root.duration - 1,
-                      slowMotion: 1, filter: "cloud"}
-        player.addPreview(root.previewSet, done.uid, 1, root.inputUid, output, 0, done.duration, root.fps, 1,
-                          root.inputInfo.sar > 0 ? root.inputInfo.sar : 1, {isTerminated: true})
-        done.label = "#" + done.uid + "  the whole input, rendered in the cloud"
-        root.previews = root.previews.concat([done])
-        root.setStatus("Cloud result laid over the whole input: " + output)
-        rangeWatch.expectMore(root.previewRanges.length, wasPlaying)
+        app.pendingRender = {uid: jobUid, path: output, start: 0, end: app.duration, duration: app.duration - 1,
+                             slowMotion: 1, filter: "cloud render"}
+        app.renderFinished(true)
     }
+
+    TFileManager { id: files }
 
     CloudAPI {
         id: cloud
@@ -102,9 +102,9 @@ ColumnLayout {
         }
         onErrorHit: (uid, title, details) => {
             if (uid === cloudPanel.jobUid)
-                root.fail("cloud: " + title + " " + details)
+                app.fail("cloud: " + title + " " + details)
         }
-        onPreRequestErrorHit: (title, details) => root.fail("cloud: " + title + " " + details)
+        onPreRequestErrorHit: (title, details) => app.fail("cloud: " + title + " " + details)
     }
 
     // The polling interval is the front end's.
