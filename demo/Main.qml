@@ -499,7 +499,7 @@ ApplicationWindow {
     // the one before it is done, so a screenshot shows a settled picture.
     //   in MS | out MS | slowmo on|off | filter N | render | seek MS|middle
     //   play | pause | step N | wait MS | loop on|off | loop-preview on|off
-    //   zoom X | crop N | shot FILE | quit [CODE]
+    //   zoom X | crop N | shot FILE | quit [CODE] | cloud
     QtObject {
         id: script
         property var steps: []
