@@ -604,7 +604,7 @@ ApplicationWindow {
                 done()
                 break
             }
-            case "cloud": waiting = "render"; stepTimeout.interval = 120000; if (!sidePanel.cloud.start()) abort("no cloud service"); break
+            case "cloud": waiting = "render"; if (!sidePanel.cloud.start()) abort("no cloud service"); break
             case "quit": root.host.quit(Number(arg) || 0); running = false; break
             default: abort("unknown step \"" + step + "\"")
             }
