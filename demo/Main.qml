@@ -499,7 +499,7 @@ ApplicationWindow {
     // the one before it is done, so a screenshot shows a settled picture.
     //   in MS | out MS | slowmo on|off | filter N | render | seek MS|middle
     //   play | pause | step N | wait MS | loop on|off | loop-preview on|off
-    //   zoom X | crop N | sequence | shot FILE | quit [CODE]
+    //   zoom X | crop N | sequence | cloud | shot FILE | quit [CODE]
     //   event NAME | flags | identity | update
     QtObject {
         id: script
@@ -607,6 +607,7 @@ ApplicationWindow {
                 break
             }
             case "sequence": sidePanel.sequencePanel.start((ok, text) => ok ? done() : abort(text)); break
+            case "cloud": waiting = "render"; if (!sidePanel.cloud.start()) abort("no cloud service"); break
             case "quit": root.host.quit(Number(arg) || 0); running = false; break
             case "event": sidePanel.telemetry.sendEvent(arg, script.hooks()); break
             case "flags": sidePanel.telemetry.readFlags(script.hooks()); break

@@ -20,6 +20,7 @@ Rectangle {
     property var demo: null
     readonly property alias sequencePanel: sequencePanel
     property alias machine: machinePanel
+    property alias cloud: cloudPanel
 
     color: "#23272d"
     implicitWidth: 300
@@ -94,6 +95,7 @@ Rectangle {
         }
 
         MachinePanel { id: machinePanel; Layout.fillWidth: true }
+        CloudPanel { id: cloudPanel; Layout.fillWidth: true }
 
         Text {
             text: "Previews"

@@ -9,6 +9,10 @@
 #include "os/Terminal.h"
 #include "plugin/MachineInfo.h"
 #include "plugin/Timecode.h"
+#include <QUrl>
+#include <QNetworkProxyQuery>
+#include <QNetworkProxyFactory>
+#include "plugin/Configuration.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -344,4 +348,35 @@ quint64 KUtils::availableBytes(const QString &path)
 QString KUtils::jwtDecode(QString jwt)
 {
     return machineinfo::jwtDecode(jwt);
+}
+
+QVariantMap KUtils::detectProxyInfo()
+{
+    const QNetworkProxyQuery query(QUrl(Configuration::instance().downloadHost), QNetworkProxyQuery::UrlRequest);
+    const QList<QNetworkProxy> proxies = QNetworkProxyFactory::systemProxyForQuery(query);
+    if (proxies.isEmpty() || proxies.first().type() == QNetworkProxy::NoProxy)
+        return {};
+    qInfo() << "A system proxy may be configured.";
+    const QNetworkProxy &proxy = proxies.first();
+    if (proxy.type() != QNetworkProxy::HttpProxy) {
+        qWarning() << "Incompatible proxy will not be used";
+        return {};
+    }
+    QVariantMap info{{"hostname", proxy.hostName()}, {"port", proxy.port()}, {"authentication", !proxy.user().isEmpty()}};
+    if (!proxy.user().isEmpty()) {
+        info.insert("username", proxy.user());
+        info.insert("password", proxy.password());
+    }
+    qInfo() << "Using system proxy" << proxy.hostName() << proxy.port();
+    return info;
+}
+
+void KUtils::syncProxyInfo(bool enable)
+{
+    TFileManager files;
+    const QString path = files.defaultModelFolderPath() + QStringLiteral("/proxy.json");
+    QVariantMap store = enable ? detectProxyInfo() : files.readJsonObject(path);
+    // Turning the proxy off keeps host and credentials for the next time.
+    store.insert("enabled", enable && !store.isEmpty());
+    files.saveJsonObject(store, path);
 }

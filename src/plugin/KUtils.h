@@ -69,6 +69,11 @@ public:
     Q_INVOKABLE quint64 getDiskSpace(QString path);
     Q_INVOKABLE QString jwtDecode(QString jwt);
 
+    // The system proxy for the download host, when it is a plain HTTP one, and
+    // its store "proxy.json" in the default model folder.
+    Q_INVOKABLE QVariantMap detectProxyInfo();
+    Q_INVOKABLE void syncProxyInfo(bool enable);
+
 protected:
     // Bytes free where `path` lies; a seam for the threshold tests.
     virtual quint64 availableBytes(const QString &path);
