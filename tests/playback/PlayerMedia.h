@@ -31,13 +31,15 @@ inline bool makeInput(const QString &path)
                    QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p"), path});
 }
 
-// The stretch [startMs, startMs + durationMs) of the input, tinted, at `slowmotion`.
-inline bool makePreview(const QString &input, const QString &path, int startMs, int durationMs, int slowmotion)
+// The stretch [startMs, startMs + durationMs) of the input, tinted, at `slowmotion`
+// and `fps` (50 repeats each input frame, as an interpolating render would add one).
+inline bool makePreview(const QString &input, const QString &path, int startMs, int durationMs, int slowmotion,
+                        int fps = 25)
 {
     const QString filter = QStringLiteral("geq=lum='lum(X,Y)':cb=96:cr=160,setpts=%1*PTS").arg(slowmotion);
     return ffmpeg({QStringLiteral("-ss"), QString::number(startMs / 1000.0, 'f', 3), QStringLiteral("-t"),
                    QString::number(durationMs / 1000.0, 'f', 3), QStringLiteral("-i"), input, QStringLiteral("-vf"),
-                   filter, QStringLiteral("-r"), QStringLiteral("25"), QStringLiteral("-c:v"), QStringLiteral("libx264"),
+                   filter, QStringLiteral("-r"), QString::number(fps), QStringLiteral("-c:v"), QStringLiteral("libx264"),
                    QStringLiteral("-qp"), QStringLiteral("0"), QStringLiteral("-g"), QStringLiteral("1"),
                    QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p"), path});
 }

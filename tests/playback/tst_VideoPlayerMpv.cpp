@@ -237,6 +237,45 @@ private slots:
         QTest::qWait(200);
     }
 
+    // A preview at twice its input's rate (an interpolating enhancement) is held
+    // on the same instant, never more than one of its own frames away; tools
+    // that pair frames by number lose step exactly here.
+    void aPreviewAtAnotherRateStaysOnTheSameInstant()
+    {
+        const QString fast = dir.filePath(QStringLiteral("fifty.mp4"));
+        QVERIFY(playermedia::makePreview(input, fast, 1000, 1000, 1, 50));
+        const auto scene = makeScene();
+        QVERIFY(scene);
+        VideoPlayer *player = scene->player;
+        player->addInput(1, 0, input, 4000, 25.0, 1.0, true, {{QStringLiteral("duration"), 4000}});
+        player->addPreview(5, 4, 1, 1, fast, 1000, 1000, 50.0, 1.0, 1.0, {});
+        player->setPreviewSet(1, 5);
+        player->seek(1480);
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle() && player->getIsOpen(), 30000);
+        const auto fileTime = [](MPVObject *pane) { return pane->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0; };
+        QTRY_COMPARE_WITH_TIMEOUT(qRound(fileTime(scene->right)), 480, 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(qRound(fileTime(scene->left)), 1480, 20000);
+        player->seek(1040);
+        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
+        player->play();
+        QTRY_VERIFY_WITH_TIMEOUT(player->getIsPlaying(), 20000);
+        QTest::qWait(200);
+        int samples = 0;
+        const auto inStep = [&] {
+            if (!player->getIsPlaying())
+                return false;
+            // The left pane's report lags its clock by up to one of its 40 ms frames.
+            const double lead = fileTime(scene->right) + 1000.0 - fileTime(scene->left);
+            if (lead < -20.0 - 5.0 || lead > 40.0 + 20.0 + 5.0) {
+                qWarning() << "right pane" << lead << "ms from the left";
+                return true;
+            }
+            return ++samples >= 30 || player->getInputTimestamp() >= 1800;
+        };
+        QVERIFY(QTest::qWaitFor(inStep, 20000));
+        QVERIFY2(samples >= 10, qPrintable(QString::number(samples)));
+    }
+
     void panesStayOnOneClockAcrossPreviewBoundaries()
     {
         const auto scene = makeScene();
