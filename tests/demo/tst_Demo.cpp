@@ -4,6 +4,7 @@
 // a description of where its panes are. Each frame of the clip carries its own
 // number as eight black or white bars (bit i in bar i), so the picture in a
 // pane tells which frame it is.
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
@@ -118,6 +119,7 @@ private slots:
     void unusableRequestsEndWithAReasonAndNoScreenshot();
     void serviceStepsReachTheLocalStandIn();
     void sequenceStepRoundTripsAnExrRangeWithOiiotool();
+    void cloudStepLaysTheNegatedInputOverTheRightPane();
 
 private:
     DemoRun runDemo(const QStringList &arguments, const QString &mediaDir);
@@ -374,6 +376,45 @@ void tst_Demo::sequenceStepRoundTripsAnExrRangeWithOiiotool()
     QVERIFY2(run.output.contains(QStringLiteral("round trip done")), qPrintable(run.output));
     QVERIFY(QFile::exists(media + QStringLiteral("/sequence/normalized/frame_000008.exr")));
     QVERIFY(!QFile::exists(media + QStringLiteral("/sequence/normalized/tmp_stretch")));
+}
+
+void tst_Demo::cloudStepLaysTheNegatedInputOverTheRightPane()
+{
+    // As run-demo.sh --cloud: the service lives while its standard input stays
+    // open (QProcess keeps it so until closed) and leaves its ready line in the
+    // media folder, where the cloud panel looks for it.
+    const QString media = work.filePath(QStringLiteral("media-cloud"));
+    QVERIFY(QDir().mkpath(media));
+    const QString ready = media + QStringLiteral("/cloud-standin.json");
+    const QString config = media + QStringLiteral("/cloud-config.json");
+    QProcess service;
+    service.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    service.setStandardOutputFile(ready);
+    service.start(QStringLiteral(KUTILS_CLOUD_STANDIN),
+                  {QStringLiteral("--dir"), media + QStringLiteral("/service"), QStringLiteral("--render"),
+                   QStringLiteral("negate"), QStringLiteral("--config-out"), config, QStringLiteral("--config-base"),
+                   qEnvironmentVariable("KUTILS_CONFIG_FILE")});
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(ready).size() > 0, 30000);
+    const QByteArray testConfig = qgetenv("KUTILS_CONFIG_FILE");
+    qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(config));
+    const QString shot = work.filePath(QStringLiteral("cloud.png"));
+    const QString script = QStringLiteral("cloud; seek 2000; shot %1; quit").arg(shot);
+    const DemoRun run = runDemo({QStringLiteral("--script"), script, clip}, media);
+    qputenv("KUTILS_CONFIG_FILE", testConfig);
+    service.closeWriteChannel();
+    QVERIFY(service.waitForFinished(10000));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.output));
+
+    // Negated, every black bar of the input is white in the result: the right
+    // pane reads the frame number with all eight bits flipped.
+    const QImage picture = QImage(shot).convertToFormat(QImage::Format_RGB32);
+    QFile describedFile(shot + QStringLiteral(".json"));
+    QVERIFY(describedFile.open(QIODevice::ReadOnly));
+    const QJsonObject described = QJsonDocument::fromJson(describedFile.readAll()).object();
+    const int frame = int(described.value(QStringLiteral("position")).toInteger(-1) / frameMs);
+    QCOMPARE(frame, 2000 / frameMs);
+    QCOMPARE(readPane(picture, rectFrom(described.value(QStringLiteral("leftPane")))).frame, frame);
+    QCOMPARE(readPane(picture, rectFrom(described.value(QStringLiteral("rightPane")))).frame, frame ^ 0xff);
 }
 
 QTEST_GUILESS_MAIN(tst_Demo)
