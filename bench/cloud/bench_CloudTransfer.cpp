@@ -45,8 +45,8 @@ qint64 peak()
     return QRegularExpression(R"(VmHWM:\s+(\d+))").match(text).captured(1).toLongLong() * 1024;
 }
 
-// Both downloads start with the file system's dirty pages written back, so
-// that neither pays for the other's writeback (the second one did, by up to half).
+// A download starts with the file system's dirty pages written back, so that
+// it pays less for the earlier transfers' writeback.
 void settle()
 {
     ::sync();
