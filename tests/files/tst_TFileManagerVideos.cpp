@@ -133,49 +133,6 @@ private slots:
         QVERIFY(clock.elapsed() >= 4500);
     }
 
-    void videoHandlesCloseAndTakeInfo()
-    {
-        auto &videos = videoio::VideoManager::GetInstance();
-        TFileManager manager;
-        const auto reader = videoio::VideoManager::GetReader(m_video);
-        QVERIFY(reader->isOpen());
-        manager.updateVideoInfo(m_video, {{QStringLiteral("fps"), 99.0}});
-        QCOMPARE(reader->getInfo().value(QStringLiteral("fps")).toDouble(), 99.0);
-        const int before = videos.count();
-        manager.closeVideoFile(m_video, QString(), true);
-        QCOMPARE(videos.count(), before - 1);
-        QVERIFY(!reader->isOpen());
-
-        videoio::VideoManager::GetReader(m_video);
-        videoio::ThumbnailStore::GetInstance().add(QStringLiteral("9"), QString(), cv::Mat(8, 8, CV_8UC3));
-        manager.resetThumbnails();
-        QVERIFY(videoio::ThumbnailStore::GetInstance().image(QStringLiteral("9")).isNull());
-        QVERIFY(videos.count() > 0);
-        manager.closeAllVideos();
-        QCOMPARE(videos.count(), 0);
-    }
-
-    void imageSequencePatterns_data()
-    {
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<bool>("expected");
-        QTest::newRow("padded pattern") << "/a/shot_%04d.exr" << true;
-        QTest::newRow("video file") << "/a/shot.mov" << false;
-        QTest::newRow("percent in a folder only") << "/a%d/shot.mov" << false;
-        QTest::newRow("one numbered frame") << "/a/shot_0001.exr" << false;
-    }
-
-    void imageSequencePatterns()
-    {
-        QFETCH(QString, path);
-        QFETCH(bool, expected);
-        TFileManager manager;
-        QCOMPARE(manager.isImageSequence(path), expected);
-        // The pattern the file manager makes from one frame is an image sequence.
-        if (!expected && path.contains(QLatin1String("0001")))
-            QVERIFY(manager.isImageSequence(manager.makeFormatString(path)));
-    }
-
 private:
     QString makeVideo(const QString &name, double seconds)
     {
