@@ -15,7 +15,6 @@ private slots:
 
     void defaultsCarryNoRealValues();
     void overrideFileReplacesKeysOneByOne();
-    void mpvOptionsKeepTheirOrder();
     void badOverrideFilesKeepTheDefaults_data();
     void badOverrideFilesKeepTheDefaults();
 
@@ -52,7 +51,8 @@ void ConfigurationTest::overrideFileReplacesKeysOneByOne()
         "videoApiProduction": "https://127.0.0.1:4443",
         "modelHost": "https://127.0.0.1:4444",
         "emailMacSalt": "salt",
-        "unknownKey": "ignored"
+        "unknownKey": "ignored",
+        "mpvExtraOptions": [["vo", "null"], ["ao", "null"], ["hwdec", "no"]]
     })");
     qputenv("KUTILS_CONFIG_FILE", path.toUtf8());
     Configuration::reload();
@@ -61,16 +61,10 @@ void ConfigurationTest::overrideFileReplacesKeysOneByOne()
     QCOMPARE(config.modelHost, QStringLiteral("https://127.0.0.1:4444"));
     QCOMPARE(config.emailMacSalt, QStringLiteral("salt"));
     QVERIFY(config.videoApiStaging.isEmpty());
-}
-
-void ConfigurationTest::mpvOptionsKeepTheirOrder()
-{
-    qputenv("KUTILS_CONFIG_FILE", writeFile(R"({"mpvExtraOptions": [["vo", "null"], ["ao", "null"], ["hwdec", "no"]]})").toUtf8());
-    Configuration::reload();
-    const auto options = Configuration::instance().mpvExtraOptions;
-    QCOMPARE(options.size(), 3);
-    QCOMPARE(options[0], qMakePair(QStringLiteral("vo"), QStringLiteral("null")));
-    QCOMPARE(options[2], qMakePair(QStringLiteral("hwdec"), QStringLiteral("no")));
+    // Options keep their order.
+    QCOMPARE(config.mpvExtraOptions.size(), 3);
+    QCOMPARE(config.mpvExtraOptions[0], qMakePair(QStringLiteral("vo"), QStringLiteral("null")));
+    QCOMPARE(config.mpvExtraOptions[2], qMakePair(QStringLiteral("hwdec"), QStringLiteral("no")));
 }
 
 void ConfigurationTest::badOverrideFilesKeepTheDefaults_data()

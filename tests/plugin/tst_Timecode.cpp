@@ -2,8 +2,7 @@
 
 #include <QtTest>
 
-// Timecode arithmetic through the C++ face of KUtils. The QML face is checked
-// against the same values in tst_TimecodeQml.
+// Timecode arithmetic through the C++ face of KUtils; tst_PluginModule calls it from QML.
 class TimecodeTest : public QObject
 {
     Q_OBJECT
