@@ -1,4 +1,5 @@
 #include "FilesTestSupport.h"
+#include "../platform/VideoioMedia.h"
 
 #include "files/TFileManager.h"
 #include "videoio/Reader.h"
@@ -33,16 +34,13 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        m_video = makeVideo(QStringLiteral("two-seconds.mp4"), 2);
-        QVERIFY(!m_video.isEmpty());
-    }
-
-    void durationAndFramesOfARealFile()
-    {
-        TFileManager manager;
-        QVERIFY(qAbs(manager.getDuration(m_video) - 2000) <= 40);
-        QCOMPARE(manager.countFrames(m_video, 0), size_t(50));
-        QCOMPARE(manager.getDuration(m_dir.filePath(QStringLiteral("none.mp4"))), int64_t(0));
+        m_video = m_dir.filePath(QStringLiteral("two-seconds.mp4"));
+        // MPEG-4 part 2 without B-frames, so a cut by frame count is exact.
+        QCOMPARE(videoio::testing::makeMedia(videoio::testing::patternInput(QStringLiteral("160x120"), 50, 25)
+                                                 + QStringList{QStringLiteral("-c:v"), QStringLiteral("mpeg4"),
+                                                               QStringLiteral("-g"), QStringLiteral("25")},
+                                             m_video),
+                 QString());
     }
 
     void concatReportsFromItsThreadWithThePassThroughValues_data()
@@ -134,19 +132,6 @@ private slots:
     }
 
 private:
-    QString makeVideo(const QString &name, double seconds)
-    {
-        const QString path = m_dir.filePath(name);
-        // MPEG-4 part 2 without B-frames, so a cut by frame count is exact.
-        const bool made = runTool(QStringLiteral("ffmpeg"),
-                                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-f"),
-                                   QStringLiteral("lavfi"), QStringLiteral("-i"),
-                                   QStringLiteral("testsrc=size=160x120:rate=25"), QStringLiteral("-t"),
-                                   QString::number(seconds), QStringLiteral("-c:v"), QStringLiteral("mpeg4"),
-                                   QStringLiteral("-g"), QStringLiteral("25"), path});
-        return made ? path : QString();
-    }
-
     QTemporaryDir m_dir;
     QString m_video;
 };

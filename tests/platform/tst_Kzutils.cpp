@@ -1,7 +1,7 @@
+#include "../files/FilesTestSupport.h"
+
 #include "aiutils/kzutils.h"
 
-#include <QDir>
-#include <QFile>
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -15,21 +15,6 @@ using Buffers = QMap<QString, QByteArray>;
 namespace {
 
 const QString password = QStringLiteral("Tr0ub4dor&3");
-
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-// Incompressible bytes, so that a flipped byte always lands in an entry's data.
-QByteArray noise(int size, quint32 seed)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator generator(seed);
-    generator.fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
-    return bytes;
-}
 
 struct ZipDiscard
 {
@@ -74,10 +59,10 @@ private slots:
     {
         QVERIFY(m_dir.isValid());
         const QString modelPath = m_dir.filePath(QStringLiteral("model.kz"));
-        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), noise(200000, 7)},
+        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), randomBytes(200000, 7)},
                                             {QStringLiteral("graph.json"), QByteArray(5000, '{')}},
                                            modelPath, password));
-        m_goodModel = readAll(modelPath);
+        m_goodModel = readFileBytes(modelPath);
         QVERIFY(!m_goodModel.isEmpty());
     }
 
@@ -86,11 +71,11 @@ private slots:
         QTest::addColumn<Buffers>("files");
         QTest::newRow("plain words") << Buffers{{QStringLiteral("note.txt"), "plain words that must not show"}};
         QTest::newRow("empty buffer beside data")
-            << Buffers{{QStringLiteral("empty"), QByteArray()}, {QStringLiteral("data"), noise(4096, 1)}};
+            << Buffers{{QStringLiteral("empty"), QByteArray()}, {QStringLiteral("data"), randomBytes(4096, 1)}};
         QTest::newRow("large and compressible")
             << Buffers{{QStringLiteral("zeros.raw"), QByteArray(3 << 20, '\0')}};
         QTest::newRow("names with folders and accents")
-            << Buffers{{QStringLiteral("sub/caf\u00e9.json"), "{}"}, {QStringLiteral("b.bin"), noise(64, 2)}};
+            << Buffers{{QStringLiteral("sub/caf\u00e9.json"), "{}"}, {QStringLiteral("b.bin"), randomBytes(64, 2)}};
     }
 
     void savedArchiveRoundTrips()
@@ -102,8 +87,8 @@ private slots:
         // Enciphered: no entry opens without the password, and no text shows.
         for (const QByteArray &withoutPassword : unpack(path, {}))
             QVERIFY(withoutPassword.isNull());
-        QVERIFY(!readAll(path).contains("plain words"));
-        QVERIFY(kzutils::verifyCompressedBuffer(QStringLiteral("out.zip"), readAll(path),
+        QVERIFY(!readFileBytes(path).contains("plain words"));
+        QVERIFY(kzutils::verifyCompressedBuffer(QStringLiteral("out.zip"), readFileBytes(path),
                                                 QVariantMap{{QStringLiteral("password"), password}}, true));
     }
 
@@ -111,9 +96,9 @@ private slots:
     {
         const QString path = m_dir.filePath(QStringLiteral("kept.zip"));
         QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("a"), "a"}}, path, password));
-        const QByteArray before = readAll(path);
+        const QByteArray before = readFileBytes(path);
         QVERIFY(!kzutils::saveEncryptedFile({}, path, password));
-        QCOMPARE(readAll(path), before);
+        QCOMPARE(readFileBytes(path), before);
     }
 
     void verification_data()
@@ -131,8 +116,8 @@ private slots:
 
         // A plain ZIP is no model file, whatever its content.
         const QString plainPath = m_dir.filePath(QStringLiteral("plain.zip"));
-        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), noise(1000, 3)}}, plainPath, QString()));
-        QTest::newRow("not enciphered") << readAll(plainPath) << password << true << false;
+        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), randomBytes(1000, 3)}}, plainPath, QString()));
+        QTest::newRow("not enciphered") << readFileBytes(plainPath) << password << true << false;
     }
 
     void verification()
@@ -161,10 +146,10 @@ private slots:
     {
         const QString path = m_dir.filePath(QStringLiteral("models/new/sub/model.kz"));
         QCOMPARE(kzutils::bufferToFile(m_goodModel, path), QString());
-        QCOMPARE(readAll(path), m_goodModel);
-        const QByteArray second = noise(1024, 9);
+        QCOMPARE(readFileBytes(path), m_goodModel);
+        const QByteArray second = randomBytes(1024, 9);
         QCOMPARE(kzutils::bufferToFile(second, path), QString());
-        QCOMPARE(readAll(path), second);
+        QCOMPARE(readFileBytes(path), second);
         QCOMPARE(QDir(m_dir.filePath(QStringLiteral("models/new/sub"))).entryList(QDir::Files | QDir::Hidden),
                  QStringList{QStringLiteral("model.kz")});
     }

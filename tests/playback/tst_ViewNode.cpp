@@ -1,11 +1,11 @@
 // View nodes and their manager on real timelines. The panes are real MPVObjects
 // that are never put in a window: their mpv never starts, and the commands they
 // would send are read through the player's command observer.
-#include "playback/MPVObject.h"
+#include "PlayerMedia.h"
+#include "../timeline/TimelineFixture.h"
+
 #include "playback/ViewNode.h"
 #include "playback/ViewNodeManager.h"
-#include "timeline/ConsoleLogger.h"
-#include "timeline/Timeline.h"
 
 #include <QTest>
 
@@ -26,21 +26,6 @@ std::shared_ptr<Video> makeVideo(UID uid, TSType start, TSType duration, const s
     return video;
 }
 
-struct Recorder
-{
-    std::mutex mutex;
-    QList<QStringList> commands;
-    QList<ConsoleLogger::Record> logs;
-
-    void watch(MPVObject &pane)
-    {
-        pane.player().setCommandObserver([this](const QStringList &words) {
-            const std::lock_guard lock(mutex);
-            commands.append(words);
-        });
-    }
-};
-
 } // namespace
 
 class tst_ViewNode : public QObject
@@ -50,7 +35,8 @@ class tst_ViewNode : public QObject
 private:
     std::mutex timestampMutex;
     std::mutex infoMutex;
-    std::unique_ptr<Recorder> recorder;
+    playermedia::PaneCommands commands;
+    std::unique_ptr<LogCapture> log;
     std::vector<std::shared_ptr<MPVObject>> panes;
     std::shared_ptr<Video> input;
     std::shared_ptr<Video> preview;
@@ -58,7 +44,7 @@ private:
     std::unique_ptr<ViewNode> makeNode(int viewID, std::shared_ptr<MPVObject> mpv)
     {
         if (mpv) {
-            recorder->watch(*mpv);
+            commands.watch(*mpv);
             // Nodes only hold the use of a pane; the scene (here the test) owns it.
             panes.push_back(mpv);
         }
@@ -69,11 +55,8 @@ private:
 private slots:
     void init()
     {
-        recorder = std::make_unique<Recorder>();
-        ConsoleLogger::setCaptureSink([r = recorder.get()](const ConsoleLogger::Record &record) {
-            const std::lock_guard lock(r->mutex);
-            r->logs.append(record);
-        });
+        commands.clear();
+        log = std::make_unique<LogCapture>();
         input = makeVideo(1, 0, 10000, "/in.mp4", 1.0, 10000);
         // A preview over 2000..3000 of the input, rendered at slow motion 2.
         preview = makeVideo(2, 2000, 1000, "/a.mp4", 2.0, 2000);
@@ -81,7 +64,7 @@ private slots:
 
     void cleanup()
     {
-        ConsoleLogger::setCaptureSink({});
+        log.reset();
         panes.clear();
     }
 
@@ -104,11 +87,9 @@ private slots:
         QVERIFY(!node->seekTo(position));
         QCOMPARE(node->truthTS.load(), qint64(7));
         QCOMPARE(calls, 0);
-        QVERIFY(recorder->commands.isEmpty());
+        QVERIFY(commands.of().isEmpty());
         // A refused seek says why.
-        QCOMPARE(std::count_if(recorder->logs.begin(), recorder->logs.end(),
-                               [](const auto &record) { return record.level == ConsoleLogger::Warn; }),
-                 1);
+        QCOMPARE(log->count(QString(), ConsoleLogger::Warn), 1);
         // The input's node has no pane and takes any position.
         auto in = makeNode(-1, nullptr);
         QVERIFY(in->seekTo(-1));
@@ -142,7 +123,7 @@ private slots:
         QCOMPARE(node->getTimestamp(), timestamp);
         QCOMPARE(node->mpvTS.load(), qint64(timestamp));
         QCOMPARE(node->truthTS.load(), truthAfter);
-        QVERIFY(recorder->commands.isEmpty());
+        QVERIFY(commands.of().isEmpty());
     }
 
     void timelineSync_data()
@@ -190,18 +171,15 @@ private slots:
         node->timeline->deletePreview(2);
         node->updateInfoFromVideo(node->currentVideo);
         mpv->load(mpvPath);
-        recorder->commands.clear();
+        commands.clear();
         node->truthTS = -7;
         node->timelineSyncEnabled = true;
 
         node->mpvTimelineSync(timePos, isEOF);
         QCOMPARE(node->truthTS.load(), truth);
         QCOMPARE(node->playbackIndex, index);
-        QStringList sent;
-        for (QStringList words : std::as_const(recorder->commands)) {
-            words.removeAll(QStringLiteral("-1")); // the playlist index of newer libmpv
-            sent << words.join(' ');
-        }
+        QStringList sent = commands.of();
+        sent.replaceInStrings(QStringLiteral(" -1 "), QStringLiteral(" ")); // the playlist index of newer libmpv
         QCOMPARE(sent, loaded.isEmpty() ? QStringList() : QStringList{loaded});
         if (!loaded.isEmpty())
             QCOMPARE(node->currentRange, node->playbackRanges[size_t(index)]);
@@ -229,12 +207,12 @@ private slots:
         left->slowMotion = 2.0f;
         in->setTimestamp(inputTs);
         manager.syncOne(0, false);
-        QCOMPARE(recorder->commands.isEmpty() ? QString() : recorder->commands.first().join(' '), sent);
+        QCOMPARE(commands.of().value(0), sent);
         // Views the manager does not hold are refused without a command.
-        recorder->commands.clear();
+        commands.clear();
         for (int view : {-1, 5})
             manager.resetOne(view, true);
-        QVERIFY(recorder->commands.isEmpty());
+        QVERIFY(commands.of().isEmpty());
     }
 
     void setInfosCallsBackOnlyOnChangeInsideTheLock()
