@@ -146,16 +146,6 @@ private slots:
         QCOMPARE(info["isImageSequence"].toBool(), isImageSequence);
     }
 
-    void previewReadersCarryASlowMotionFactor()
-    {
-        FFReader preview(path("plain.mp4"), true);
-        QVERIFY(preview.isPreviewReader());
-        QCOMPARE(preview.getInfo()["slowMoFactor"].toDouble(), 1.0);
-        QVERIFY(preview.updateInfo({{"slowMoFactor", 2.0}}));
-        QVERIFY(!preview.updateInfo({{"slowMoFactor", 2.0}}));
-        QCOMPARE(preview.getInfo()["slowMoFactor"].toDouble(), 2.0);
-    }
-
     void thumbnailsAreUprightAndSized_data()
     {
         QTest::addColumn<QString>("file");

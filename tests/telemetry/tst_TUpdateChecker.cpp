@@ -163,11 +163,8 @@ private slots:
         };
         row("empty", "", "JSON document is empty");
         row("no app_update", R"({"x":1})", "JSON document is missing `app_update`");
-        row("app_update not object", R"({"app_update":[]})", "`app_update` is not object");
         row("status not string", R"({"app_update":{"app_update_status":1}})",
             "`app_update.app_update_status` is not string");
-        row("no versions", R"({"app_update":{"app_update_status":""}})",
-            "JSON document is missing `app_update.app_update_versions`");
         row("versions not array", R"({"app_update":{"app_update_status":"","app_update_versions":{}}})",
             "`app_update.app_update_versions` is not string");
         row("no versions offered", noVersions, "");
