@@ -1,8 +1,15 @@
 #include "FrameHashes.h"
 #include "VideoioMedia.h"
 
+#include "videoio/DelayedDeleter.h"
 #include "videoio/FFReader.h"
+#include "videoio/FFReaderUtils.h"
+#include "videoio/Reader.h"
+#include "videoio/ThumbnailImageProvider.h"
+#include "videoio/ThumbnailStore.h"
+#include "videoio/VideoManager.h"
 
+#include <QFile>
 #include <QSize>
 #include <QTemporaryDir>
 #include <QTest>
@@ -12,7 +19,9 @@
 using namespace videoio;
 using namespace videoio::testing;
 
-class tst_FFReader : public QObject
+// The video I/O layer on real media that ffmpeg makes here: the reader, its
+// utilities, and the shared readers, thumbnails and deferred deletion.
+class tst_Videoio : public QObject
 {
     Q_OBJECT
 
@@ -46,6 +55,19 @@ private slots:
         QFile garbage(path("garbage.mp4"));
         QVERIFY(garbage.open(QIODevice::WriteOnly));
         garbage.write(QByteArray(4096, 'x'));
+        // Intra-only parts cut cleanly at any frame; the two parts show
+        // different pictures so that the join can be seen in the hashes.
+        const QStringList intra{"-g", "1", "-bf", "0"};
+        QCOMPARE(makeH264(path("a.mp4"), 20, intra), QString());
+        QCOMPARE(makeMedia(QStringList{"-f", "lavfi", "-i", "testsrc=size=320x240:rate=30", "-frames:v", "10",
+                                       "-c:v", "libx264", "-pix_fmt", "yuv420p", "-preset", "veryfast"} + intra,
+                           path("b.mp4")),
+                 QString());
+        QCOMPARE(makeMedia(patternInput("640x480", 10) + QStringList{"-c:v", "libx264", "-pix_fmt", "yuv420p"},
+                           path("large.mp4")),
+                 QString());
+        QCOMPARE(makeMedia(patternInput("320x240", 10) + QStringList{"-c:v", "mpeg4"}, path("mpeg4.mp4")), QString());
+        QCOMPARE(makeH264(path("b.ts"), 45, {"-bf", "2", "-f", "mpegts"}), QString());
     }
 
     void seeksLandOnTheFramesOfASequentialDecode_data()
@@ -195,7 +217,155 @@ private slots:
         QVERIFY(!reader.last());
         QVERIFY(reader.thumbnail(380.0f, 30, 0).empty());
     }
+
+    void durationsAndCounts_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<qint64>("duration");
+        QTest::addColumn<qint64>("from");
+        QTest::addColumn<int>("frames");
+        QTest::newRow("mp4, from 300 ms") << "a.mp4" << qint64(667) << qint64(300) << 11;
+        QTest::newRow("MPEG-TS with B-frames") << "b.ts" << qint64(1500) << qint64(0) << 45;
+        QTest::newRow("missing") << "none.mp4" << qint64(0) << qint64(0) << 0;
+    }
+    void durationsAndCounts()
+    {
+        QFETCH(QString, file);
+        QFETCH(qint64, duration);
+        QFETCH(qint64, from);
+        QFETCH(int, frames);
+        QVERIFY(qAbs(FFReaderUtils::getDuration(path(file)) - duration) <= 34);
+        QCOMPARE(FFReaderUtils::countFrames(path(file), from), size_t(frames));
+    }
+
+    void concatenationGivesTheFramesOfBoth_data()
+    {
+        QTest::addColumn<int>("cut");
+        QTest::addColumn<int>("kept");
+        QTest::newRow("all of the former") << 0 << 20;
+        QTest::newRow("cut after 12 frames") << 12 << 12;
+    }
+    void concatenationGivesTheFramesOfBoth()
+    {
+        QFETCH(int, cut);
+        QFETCH(int, kept);
+        const QList<QByteArray> a = decodeAll(path("a.mp4")).hashes;
+        const QList<QByteArray> b = decodeAll(path("b.mp4")).hashes;
+        QCOMPARE(a.size(), 20);
+        QCOMPARE(b.size(), 10);
+        const QString out = path(QStringLiteral("joined-%1.mp4").arg(cut));
+        QVERIFY(FFReaderUtils::concat(out, path("a.mp4"), path("b.mp4"), size_t(cut)));
+        QCOMPARE(decodeAll(out).hashes, a.mid(0, kept) + b);
+        QCOMPARE(FFReaderUtils::countFrames(out, 0), size_t(kept + 10));
+        QVERIFY(qAbs(FFReaderUtils::getDuration(out) - (kept + 10) * 1000 / 30) <= 34);
+    }
+
+    void incompatibleInputsAreRefused_data()
+    {
+        QTest::addColumn<QString>("latter");
+        QTest::newRow("other size") << "large.mp4";
+        QTest::newRow("other codec") << "mpeg4.mp4";
+    }
+    void incompatibleInputsAreRefused()
+    {
+        QFETCH(QString, latter);
+        const QString out = path("refused.mp4");
+        QVERIFY(!FFReaderUtils::concat(out, path("a.mp4"), path(latter), 0));
+        QVERIFY(!QFile::exists(out));
+    }
+
+    void readersAreSharedPerPathUntilRemoved()
+    {
+        VideoManager &manager = VideoManager::GetInstance();
+        const auto a = VideoManager::GetReader(path("plain.mp4"));
+        const auto b = VideoManager::GetReader(path("plain.mp4"));
+        QCOMPARE(a, b);
+        QVERIFY(a->isOpen());
+        QVERIFY(VideoManager::GetNewReader(path("plain.mp4")) != a);
+
+        manager.updateVideoInfo(path("plain.mp4"), {{"isTelecined", true}});
+        QVERIFY(a->getInfo()["isTelecined"].toBool());
+
+        // Dropping without closing leaves the holders a working reader.
+        manager.remove(path("plain.mp4"), false);
+        QVERIFY(a->isOpen());
+        const auto c = VideoManager::GetReader(path("plain.mp4"));
+        QVERIFY(c != a);
+        manager.remove(path("plain.mp4"), true);
+        QVERIFY(!c->isOpen());
+
+        const auto d = VideoManager::GetReader(path("plain.mp4"));
+        manager.removeAll();
+        QVERIFY(!d->isOpen());
+        QCOMPARE(manager.count(), 0);
+    }
+
+    void deletionWaitsForTheLastReader()
+    {
+        QVERIFY(QFile::copy(path("plain.mp4"), path("held.mp4")));
+        auto reader = VideoManager::GetNewReader(path("held.mp4"));
+        QVERIFY(reader->isOpen());
+        DelayedDeleter::DeleteLater(path("held.mp4"), 0);
+        // Still there while held: wait until the deleter has looked at least
+        // once, which a second file queued behind it tells.
+        QVERIFY(QFile::copy(path("plain.mp4"), path("free.mp4")));
+        DelayedDeleter::DeleteLater(path("free.mp4"), 0);
+        QTRY_VERIFY(!QFile::exists(path("free.mp4")));
+        QVERIFY(QFile::exists(path("held.mp4")));
+        reader.reset();
+        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(path("held.mp4")), 5000);
+    }
+
+    void deleteNowRemovesFilesFoldersAndSequences_data()
+    {
+        QTest::addColumn<QStringList>("files");
+        QTest::addColumn<QString>("target");
+        QTest::newRow("file") << QStringList{"x/one.txt"} << "x/one.txt";
+        QTest::newRow("folder") << QStringList{"y/a.txt", "y/z/b.txt"} << "y";
+        QTest::newRow("sequence") << QStringList{"s/f_0001.png", "s/f_0002.png"} << "s/f_%04d.png";
+    }
+    void deleteNowRemovesFilesFoldersAndSequences()
+    {
+        QFETCH(QStringList, files);
+        QFETCH(QString, target);
+        for (const QString &file : files) {
+            QDir().mkpath(QFileInfo(path(file)).path());
+            QFile f(path(file));
+            QVERIFY(f.open(QIODevice::WriteOnly));
+        }
+        QVERIFY(DelayedDeleter::DeleteNow(path(target)));
+        for (const QString &file : files)
+            QVERIFY(!QFile::exists(path(file)));
+    }
+
+    void thumbnailsLiveInMemoryAndOnDisk()
+    {
+        ThumbnailStore &store = ThumbnailStore::GetInstance();
+        auto reader = VideoManager::GetNewReader(path("plain.mp4"));
+        const cv::Mat picture = reader->thumbnail(380.0f, 30, 0);
+        const auto [ok, file] = store.add("t1", path("thumbs"), picture);
+        QVERIFY(ok);
+        QCOMPARE(file, path("thumbs/t1.jpg"));
+        QCOMPARE(QImage(file).size(), QSize(320, 240));
+
+        ThumbnailImageProvider provider;
+        QSize size;
+        QCOMPARE(provider.requestImage("t1", &size, QSize()).size(), QSize(320, 240));
+        QCOMPARE(size, QSize(320, 240));
+        QCOMPARE(provider.requestImage("t1?refresh=2", &size, QSize(160, 160)).size(), QSize(160, 120));
+
+        const auto [memoryOnly, noFile] = store.add("t2", QString(), picture);
+        QVERIFY(memoryOnly);
+        QVERIFY(noFile.isEmpty());
+        QVERIFY(!store.add("t3", path("thumbs"), cv::Mat()).first);
+
+        store.remove("t1");
+        QVERIFY(!QFile::exists(file));
+        QVERIFY(provider.requestImage("t1", &size, QSize()).isNull());
+        store.removeAll();
+        QVERIFY(store.image("t2").isNull());
+    }
 };
 
-QTEST_GUILESS_MAIN(tst_FFReader)
-#include "tst_FFReader.moc"
+QTEST_GUILESS_MAIN(tst_Videoio)
+#include "tst_Videoio.moc"
