@@ -1,5 +1,4 @@
 # The mpv panes, their nodes and the player's request queue.
-kutils_add_test(tst_SyncMath SOURCES tst_SyncMath.cpp LIBS kutils_playback)
 kutils_add_test(tst_FrameLock SOURCES tst_FrameLock.cpp LIBS kutils_playback)
 kutils_add_test(tst_VPReqQueue SOURCES tst_VPReqQueue.cpp LIBS kutils_playback)
 kutils_add_test(tst_ViewNode SOURCES tst_ViewNode.cpp LIBS kutils_playback)
