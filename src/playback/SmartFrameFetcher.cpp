@@ -145,6 +145,12 @@ int SmartFrameFetcher::bufferedFrames() const
     return static_cast<int>(m_frames.size());
 }
 
+int SmartFrameFetcher::waitingConsumers() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_waitingConsumers;
+}
+
 bool SmartFrameFetcher::isEmpty() const
 {
     return bufferedFrames() == 0;

@@ -67,6 +67,8 @@ public:
     void startFetching();
     // Ends the fetch for good and empties the buffer; `seekTo` is only logged.
     void stopFetching(int seekTo);
+    // Consumers waiting in popFrame now.
+    int waitingConsumers() const;
 
     // A loop goes back to the stretch's x; without it, to the file's first frame.
     std::atomic<bool> seekToStart{true};
