@@ -54,12 +54,13 @@ void SmartFrameFetcher::init(std::shared_ptr<videoio::Reader> source, TimeRange 
         log.log(QStringLiteral("Joining ff thread!"));
         joinThread();
     }
+    const bool usable = source && source->isOpen();
     {
         const std::lock_guard lock(m_mutex);
         m_frames.clear();
         m_stretchDone = false;
         full = false;
-        if (!source || !source->isOpen()) {
+        if (!usable) {
             log.log(QStringLiteral("SmartFrameFetcher has no open reader to fetch from"), ConsoleLogger::Warn);
             running = false;
             fetching = false;

@@ -42,6 +42,9 @@ struct FetchedFrame
 // No call hangs: stopping and destruction wake the producer and every waiting
 // consumer, and a consumer of a drained fetcher that can produce no more gets
 // a null record. The reader is never read under the fetcher's lock.
+//
+// The fetch thread runs the virtual operations: a class that overrides them
+// stops the fetch in its own destructor, before its part of the object goes.
 class SmartFrameFetcher
 {
 public:
