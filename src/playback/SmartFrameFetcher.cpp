@@ -228,8 +228,9 @@ void SmartFrameFetcher::readStretch()
             ended = true;
         if (ended && loop) {
             // A reader that can't go back ends the stretch as if not looping.
-            ended = !(seekToStart ? reader->seek(x, false) : reader->first());
-            if (!ended && reader->position() < x)
+            const bool toStart = seekToStart;
+            ended = !(toStart ? reader->seek(x, false) : reader->first());
+            if (!ended && toStart && reader->position() < x)
                 reader->next();
             record->isEOF = true;
         }
