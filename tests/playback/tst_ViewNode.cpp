@@ -1,8 +1,7 @@
 // View nodes and their manager on real timelines; the arithmetic between file
 // time and the input's axis that they use (the rows that sit on a truncation,
 // a rounding or a precision limit); and the player's request queue: every
-// coalescing case as a table, its blocking behaviour, and a randomized producer
-// and consumer (run it under ThreadSanitizer). The panes are real MPVObjects
+// coalescing case as a table and its idleness. The panes are real MPVObjects
 // that are never put in a window: their mpv never starts, and the commands they
 // would send are read through the player's command observer.
 #include "PlayerMedia.h"
@@ -13,11 +12,9 @@
 #include "playback/ViewNode.h"
 #include "playback/ViewNodeManager.h"
 
-#include <QRandomGenerator>
 #include <QTest>
 
 #include <mutex>
-#include <thread>
 
 using namespace videoplayer;
 using namespace syncmath;
@@ -433,53 +430,6 @@ private slots:
             }
         }
         QCOMPARE(drain(queue), expected);
-    }
-
-    void randomProducerAndConsumer_data()
-    {
-        QTest::addColumn<bool>("seeksOnly");
-        QTest::newRow("mixed requests") << false;
-        QTest::newRow("scrubbing") << true;
-    }
-
-    void randomProducerAndConsumer()
-    {
-        QFETCH(bool, seeksOnly);
-        constexpr int pushes = 20000;
-        const quint32 seed = QRandomGenerator::global()->generate();
-        qInfo() << "seed" << seed;
-        VPReqQueue queue;
-        QList<QVariantMap> received;
-        std::thread consumer([&] {
-            QVariantMap next;
-            while (queue.pop(next) && next.value(QStringLiteral("type")).toInt() != Close)
-                received.append(next);
-        });
-        QRandomGenerator random(seed);
-        for (int i = 0; i < pushes; ++i) {
-            switch (seeksOnly ? 0 : random.bounded(6)) {
-            case 0: queue.push(seek(i)); break;
-            case 1: queue.push(reload(i)); break;
-            case 2: queue.push(addInput(i, random.bounded(2) == 0)); break;
-            case 3: queue.push(openForPreview(int(random.bounded(2)), QStringLiteral("/p%1").arg(random.bounded(4)))); break;
-            default: queue.push(request(Play, {{"seq", i}})); break;
-            }
-        }
-        queue.push(request(Close));
-        consumer.join();
-        // When scrubbing no index goes stale: times only grow and the newest
-        // one always arrives. Among mixed requests the plain ones that survive
-        // keep their order.
-        const QString key = seeksOnly ? QStringLiteral("timestamp") : QStringLiteral("seq");
-        qint64 last = -1;
-        for (const QVariantMap &r : std::as_const(received)) {
-            if (!r.contains(key))
-                continue;
-            QVERIFY(r.value(key).toLongLong() > last);
-            last = r.value(key).toLongLong();
-        }
-        if (seeksOnly)
-            QCOMPARE(last, qint64(pushes - 1));
     }
 
     void aRequestInHandIsNotIdle()
