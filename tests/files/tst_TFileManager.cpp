@@ -440,23 +440,6 @@ private slots:
         thumbnails.removeAll();
     }
 
-    void deletionNowAndDelayed()
-    {
-        TFileManager manager;
-        const QString now = m_dir.filePath(QStringLiteral("now.bin"));
-        const QString later = m_dir.filePath(QStringLiteral("later.bin"));
-        QVERIFY(writeFile(now, "x") && writeFile(later, "y"));
-        QVERIFY(manager.deletePath(now));
-        QVERIFY(!QFile::exists(now));
-        QElapsedTimer clock;
-        clock.start();
-        manager.deletePathDelayed(later);
-        QVERIFY(QFile::exists(later));
-        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(later), 20000);
-        // The file lasts at least the delay it was given.
-        QVERIFY(clock.elapsed() >= 4500);
-    }
-
 private:
     std::unique_ptr<IsolatedHome> m_home;
     QTemporaryDir m_dir;
