@@ -1,62 +1,33 @@
 #pragma once
 
-#include "plugin/Configuration.h"
+#include "StandInProcess.h"
 
-#include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
-
-#include <httplib.h>
 
 #include <cstdio>
 #include <unistd.h>
 
-// The rendering service's stand-in in its own process, and the client
-// configuration that points at it: endpoints, keys and its throwaway CA.
-class CloudStandIn
+// The rendering service's stand-in, and the client configuration that points
+// at it: endpoints, keys and its throwaway CA.
+class CloudStandIn : private QTemporaryDir, public StandInProcess
 {
 public:
     explicit CloudStandIn(const QStringList &arguments = {})
+        : StandInProcess(QStringLiteral(KUTILS_CLOUD_STANDIN), QStringList{"--dir", path() + "/service"} + arguments)
     {
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.start(QStringLiteral(KUTILS_CLOUD_STANDIN), QStringList{"--dir", m_dir.path() + "/service"} + arguments);
-        if (!m_process.waitForStarted(10000))
+        if (!isReady())
             return;
-        while (!m_process.canReadLine() && m_process.waitForReadyRead(10000)) {
-        }
-        ready = QJsonDocument::fromJson(m_process.readLine()).object();
-        if (ready.isEmpty())
-            return;
-        const QJsonObject config{{"videoApiProduction", ready["video"]}, {"videoApiStaging", ready["videoStaging"]},
-                                 {"accountApiProduction", ready["account"]}, {"accountApiStaging", ready["accountStaging"]},
-                                 {"cloudApiKeyProduction", ready["apiKeyProduction"]},
-                                 {"cloudApiKeyStaging", ready["apiKeyStaging"]}, {"caBundle", ready["caBundle"]},
-                                 // Only asked for its system proxy, never called.
-                                 {"downloadHost", "https://127.0.0.1:9/"}};
-        QFile file(m_dir.path() + "/config.json");
-        if (file.open(QIODevice::WriteOnly))
-            file.write(QJsonDocument(config).toJson());
-        file.close();
-        qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(file.fileName()));
-        Configuration::reload();
-        m_control = std::make_unique<httplib::Client>(ready["control"].toString().toStdString());
+        useConfiguration(path(), {{"videoApiProduction", ready["video"]}, {"videoApiStaging", ready["videoStaging"]},
+                                  {"accountApiProduction", ready["account"]}, {"accountApiStaging", ready["accountStaging"]},
+                                  {"cloudApiKeyProduction", ready["apiKeyProduction"]},
+                                  {"cloudApiKeyStaging", ready["apiKeyStaging"]}, {"caBundle", ready["caBundle"]},
+                                  // Only asked for its system proxy, never called.
+                                  {"downloadHost", "https://127.0.0.1:9/"}});
     }
+    ~CloudStandIn() { release(); }
 
-    ~CloudStandIn()
-    {
-        release();
-        m_process.closeWriteChannel();
-        if (!m_process.waitForFinished(5000))
-            m_process.kill();
-        m_process.waitForFinished();
-    }
-
-    bool isReady() const { return m_control != nullptr; }
     QString token() const { return ready["token"].toString(); }
-    QString folder() const { return m_dir.path(); }
+    QString folder() const { return path(); }
 
     // One fault, or an array of them: {"call", "kind", "occurrence", "job", "status", "body", "delayMs"}.
     bool fault(const QJsonValue &spec)
@@ -66,17 +37,9 @@ public:
     bool release() { return post("/release", "{}"); }
     bool reset() { return post("/reset", "{}"); }
     bool setJob(const QString &job, const QJsonObject &state) { return post("/job/" + job, QJsonDocument(state).toJson()); }
-    int held()
-    {
-        const auto result = m_control ? m_control->Get("/held") : httplib::Result(nullptr, httplib::Error::Connection);
-        return result ? QJsonDocument::fromJson(QByteArray::fromStdString(result->body)).object()["held"].toInt() : -1;
-    }
+    int held() { return isReady() ? get("/held").object()["held"].toInt() : -1; }
     // The requests served so far, oldest first.
-    QJsonArray log()
-    {
-        const auto result = m_control ? m_control->Get("/log") : httplib::Result(nullptr, httplib::Error::Connection);
-        return result ? QJsonDocument::fromJson(QByteArray::fromStdString(result->body)).array() : QJsonArray();
-    }
+    QJsonArray log() { return get("/log").array(); }
     // "METHOD path" of each logged call of the given names (all when empty).
     QStringList calls(const QStringList &names = {})
     {
@@ -86,20 +49,6 @@ public:
                 found << entry["method"].toString() + " " + entry["path"].toString();
         return found;
     }
-
-    QJsonObject ready;
-
-private:
-    bool post(const QString &path, const QByteArray &body)
-    {
-        const auto result = m_control ? m_control->Post(path.toStdString(), body.toStdString(), "application/json")
-                                      : httplib::Result(nullptr, httplib::Error::Connection);
-        return result && result->status == 200;
-    }
-
-    QTemporaryDir m_dir;
-    QProcess m_process;
-    std::unique_ptr<httplib::Client> m_control;
 };
 
 // Collects what is written to standard output while it lives: the cloud

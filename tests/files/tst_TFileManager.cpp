@@ -3,7 +3,7 @@
 
 #include "files/TFileManager.h"
 #include "os/CompanionApp.h"
-#include "plugin/Configuration.h"
+#include "StandInProcess.h"
 #include "videoio/Reader.h"
 #include "videoio/ThumbnailStore.h"
 #include "videoio/VideoManager.h"
@@ -42,10 +42,7 @@ private slots:
     {
         m_home = std::make_unique<IsolatedHome>();
         QVERIFY(m_dir.isValid());
-        const QString config = m_dir.filePath(QStringLiteral("config.json"));
-        QVERIFY(writeFile(config, R"({"archivePassword": "pack-secret"})"));
-        qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(config));
-        Configuration::reload();
+        useConfiguration(m_dir.path(), {{"archivePassword", "pack-secret"}});
         m_video = m_dir.filePath(QStringLiteral("two-seconds.mp4"));
         // MPEG-4 part 2 without B-frames, so a cut by frame count is exact.
         QCOMPARE(videoio::testing::makeMedia(videoio::testing::patternInput(QStringLiteral("160x120"), 50, 25)

@@ -3,7 +3,7 @@
 #include <httplib.h>
 
 #include "ThrowawayCa.h"
-#include "plugin/Configuration.h"
+#include "StandInProcess.h"
 
 #include <QFile>
 #include <QJsonDocument>
@@ -96,16 +96,4 @@ inline LoopbackServer::Handler answer(std::string body, int status = 200, const 
         response.status = status;
         response.set_content(body, type);
     };
-}
-
-// Makes `settings` the configuration in force, through a file in `dir`.
-inline void useConfiguration(const QString &dir, const QJsonObject &settings)
-{
-    QFile file(dir + QStringLiteral("/config.json"));
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        qFatal("cannot write %s", qPrintable(file.fileName()));
-    file.write(QJsonDocument(settings).toJson());
-    file.close();
-    qputenv("KUTILS_CONFIG_FILE", file.fileName().toUtf8());
-    Configuration::reload();
 }
