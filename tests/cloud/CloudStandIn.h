@@ -1,6 +1,6 @@
 #pragma once
 
-#include "StandInProcess.h"
+#include "../support/StandInProcess.h"
 
 #include <QTemporaryDir>
 

@@ -3,7 +3,7 @@
 #include <httplib.h>
 
 #include "ThrowawayCa.h"
-#include "StandInProcess.h"
+#include "../support/StandInProcess.h"
 
 #include <QFile>
 #include <QJsonDocument>
