@@ -290,7 +290,7 @@ private slots:
                  1);
     }
 
-    void insertingUnderAnExistingIdKeepsTheFirst()
+    void insertingUnderAnExistingIdKeepsTheFirstAndDeletingLetsAViewKeepIt()
     {
         TimelineManager manager;
         auto first = std::make_shared<Timeline>();
@@ -299,11 +299,7 @@ private slots:
         QCOMPARE(manager.getTimeline(2), first);
         manager.insertTimeline(3, nullptr);
         QCOMPARE(manager.timelines.count(3), std::size_t(0));
-    }
-
-    void deleteTimelineLetsAViewKeepIt()
-    {
-        TimelineManager manager;
+        // A deleted timeline lives on in a view that holds it.
         manager.addPreview(makeTestPreview(QStringLiteral("A"), 2000, 3000), 1, makeTestInput());
         const auto shown = manager.getTimeline(1);
         manager.deleteTimeline(1);
@@ -421,7 +417,8 @@ private slots:
         QCOMPARE(manager.previews.size(), std::size_t(1));
     }
 
-    void timestepIsTheFlooredFrameLength_data()
+    // The timestep is the floored frame length, and the range ends where the last frame starts.
+    void inputTimestepAndRange_data()
     {
         QTest::addColumn<double>("framerate");
         QTest::addColumn<int>("timestep");
@@ -431,19 +428,14 @@ private slots:
         QTest::newRow("negative rate") << -25.0 << 0;
     }
 
-    void timestepIsTheFlooredFrameLength()
+    void inputTimestepAndRange()
     {
         QFETCH(double, framerate);
         QFETCH(int, timestep);
-        const auto input = Video::makeInput(nullptr, 1, "in.mp4", 1000, framerate, 1.0, {});
-        QCOMPARE(input->info.value(QStringLiteral("timestep")).toInt(), timestep);
-    }
-
-    void inputRangeEndsAtTheLastFrame()
-    {
-        const auto input = Video::makeInput(nullptr, 1, "in.mp4", 1000, 29.97, 1.5,
+        const auto input = Video::makeInput(nullptr, 1, "in.mp4", 1000, framerate, 1.5,
                                             {{QStringLiteral("duration"), 1000}, {QStringLiteral("sar"), 9.0}});
-        QCOMPARE(input->range(), QPoint(0, 967));
+        QCOMPARE(input->info.value(QStringLiteral("timestep")).toInt(), timestep);
+        QCOMPARE(input->range(), QPoint(0, 1000 - timestep));
         QCOMPARE(input->info.value(QStringLiteral("sar")).toDouble(), 1.5);
     }
 
@@ -479,7 +471,7 @@ private slots:
         QCOMPARE(preview->info.value(QStringLiteral("isImageSequence")).toBool(), true);
     }
 
-    void frameRateChangeKeepsTheFrameCount()
+    void frameRateChangeKeepsTheFrameCountAndZeroIsIgnored()
     {
         const QVariantMap merged = Video::mergedInfo(
             {{QStringLiteral("fps"), 30.0}, {QStringLiteral("duration"), 1000}}, {{QStringLiteral("fps"), 60.0}});
@@ -487,10 +479,7 @@ private slots:
         // Computed from the already changed duration: a deliberate order.
         QCOMPARE(merged.value(QStringLiteral("length")).toDouble(), 250.0);
         QCOMPARE(merged.value(QStringLiteral("fps")).toDouble(), 60.0);
-    }
-
-    void frameRateOfZeroIsIgnored()
-    {
+        // A rate of zero is ignored.
         Video video(1, 1000, 0, "a.mp4", {{QStringLiteral("fps"), 30.0}, {QStringLiteral("duration"), 1000}});
         video.applyInfo({{QStringLiteral("fps"), 0.0}});
         QCOMPARE(video.info.value(QStringLiteral("fps")).toDouble(), 30.0);
