@@ -56,8 +56,6 @@ private slots:
         QTest::addColumn<QStringList>("added");
         QTest::addColumn<QString>("expected");
 
-        QTest::newRow("one on a set PATH") << true << QStringList{QStringLiteral("/opt/a")}
-                                           << QStringLiteral("/opt/a;/usr/bin:/bin");
         QTest::newRow("two on a set PATH") << true << QStringList{QStringLiteral("/opt/a"), QStringLiteral("/opt/b")}
                                            << QStringLiteral("/opt/b;/opt/a;/usr/bin:/bin");
         QTest::newRow("no PATH at all") << false << QStringList{QStringLiteral("/opt/a")} << QStringLiteral("/opt/a;");

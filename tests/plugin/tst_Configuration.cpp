@@ -1,7 +1,7 @@
 // The settings fixed at load: the configuration file and the developer-mode flag.
 #include "../files/FilesTestSupport.h"
 
-#include "plugin/Configuration.h"
+#include "StandInProcess.h"
 #include "plugin/DeveloperMode.h"
 
 #include <QJsonArray>
@@ -77,8 +77,7 @@ private slots:
                                    {"unknownKey", "ignored"},
                                    {"mpvExtraOptions", QJsonArray{QJsonArray{"vo", "null"}, QJsonArray{"ao", "null"},
                                                                   QJsonArray{"hwdec", "no"}}}};
-        qputenv("KUTILS_CONFIG_FILE", writeConfig(QJsonDocument(settings).toJson()).toUtf8());
-        Configuration::reload();
+        useConfiguration(dir.path(), settings);
         const Configuration &config = Configuration::instance();
         QCOMPARE(config.videoApiProduction, QStringLiteral("https://127.0.0.1:4443"));
         QCOMPARE(config.modelHost, QStringLiteral("https://127.0.0.1:4444"));
