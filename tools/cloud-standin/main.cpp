@@ -3,8 +3,9 @@
 // and runs until its standard input closes.
 //
 //   cloud-standin --dir DIR [--chunk-size BYTES] [--render FILTER | --result FILE]
-//                 [--polls N] [--config-out FILE [--config-base FILE]]
+//                 [--polls N] [--files DIR] [--config-out FILE [--config-base FILE]]
 //
+// --files DIR also starts the model host, serving the files of DIR.
 // --config-out writes the client's configuration file (endpoints, keys and
 // caBundle, over the keys of --config-base) for KUTILS_CONFIG_FILE.
 #include "CloudService.h"
@@ -33,6 +34,8 @@ int main(int argc, char **argv)
             configOut = value;
         else if (flag == "--config-base")
             configBase = value;
+        else if (flag == "--files")
+            options.filesDir = value;
         else if (flag == "--polls")
             options.pollsBeforeComplete = std::stoi(value);
         else {
@@ -61,6 +64,8 @@ int main(int argc, char **argv)
             config["cloudApiKeyProduction"] = ready["apiKeyProduction"];
             config["cloudApiKeyStaging"] = ready["apiKeyStaging"];
             config["caBundle"] = ready["caBundle"];
+            if (ready.contains("files"))
+                config["modelHost"] = ready["files"];
             std::ofstream(configOut) << config.dump(2) << '\n';
         }
         std::cout << ready.dump() << std::endl;
