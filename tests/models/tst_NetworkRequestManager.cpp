@@ -161,7 +161,7 @@ void tst_NetworkRequestManager::checkThenChunkedDownloadIsByteIdenticalAndAsksEa
 
     QStringList ranges = rangesAsked();
     ranges.sort();
-    QCOMPARE(ranges, (QStringList{"", "bytes=0-268435455", "bytes=268435456-268440552"}));
+    QCOMPARE(ranges, (QStringList{"", "bytes=0-268435455", "bytes=268435456-268439552"}));
     // httplib's own Host: the authority alone, never the URL.
     const QString authority = m_host->ready["files"].toString().mid(QStringLiteral("https://").size());
     for (const QJsonValue &entry : m_host->log())
@@ -279,7 +279,8 @@ void tst_NetworkRequestManager::unusableRequestsFailWithoutAskingTheHost()
     request["downloadPath"] = downloadPath;
     manager.queueRequest(type, request);
     QVERIFY(events.waitFinished(1, 20000));
-    QCOMPARE(events.result(0), QVariantMap());
+    // A finished download hands back the eTag it was given; nothing else does.
+    QCOMPARE(events.result(0), (outcome == "finished" ? QVariantMap{{"eTag", "\"given\""}} : QVariantMap()));
     const QStringList expected{outcome == "finished" ? "downloadFinished" : "downloadFailed", "requestFinished"};
     QCOMPARE(events.order, outcome == "none" ? QStringList{"requestFinished"} : expected);
     if (outcome == "finished")
