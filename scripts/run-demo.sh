@@ -68,8 +68,9 @@ steps=()
 if [ ${#first[@]} -gt 0 ]; then
   script=$(IFS=';'; echo "${first[*]}")
   steps=(--script "$script")
-  # The shot waits for a settled seek, so that the panes show a frame.
-  [ $cloud = 0 ] && script="$script; seek 1000"
+  # Without the cloud render, the shot is the default one: a preview of the
+  # middle third, seen from its middle.
+  [ $cloud = 0 ] && script="$script; render; seek middle"
   [ $headless = 1 ] && steps=(--script "$script; shot $shot; quit")
 elif [ $headless = 1 ]; then
   steps=(--screenshot "$shot")
