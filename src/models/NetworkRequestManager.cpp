@@ -176,6 +176,15 @@ std::vector<std::pair<quint64, quint64>> NetworkRequestManager::chunkRanges(quin
     return ranges;
 }
 
+httplib::Result NetworkRequestManager::send(
+    const std::string &url, const std::function<httplib::Result(httplib::Client &, const std::string &)> &request)
+{
+    return HttpClientFactory::instance().send(url, [&](httplib::Client &client, const std::string &path) {
+        const TransferRegistry::Lease lease(liveClients, client);
+        return running ? request(client, path) : httplib::Result(nullptr, httplib::Error::Canceled);
+    });
+}
+
 bool NetworkRequestManager::pause(int ms)
 {
     std::unique_lock lock(pauseMutex);
@@ -218,11 +227,9 @@ QVariantMap NetworkRequestManager::handleCheckDownload(int, const QVariantMap &p
 {
     QVariantMap result;
     try {
-        const httplib::Result response
-            = HttpClientFactory::instance().send(urlOf(params), [this](httplib::Client &client, const std::string &path) {
-                  const LiveClients::Lease lease(liveClients, client);
-                  return running ? client.Head(path, requestHeaders()) : httplib::Result(nullptr, httplib::Error::Canceled);
-              });
+        const httplib::Result response = send(urlOf(params), [](httplib::Client &client, const std::string &path) {
+            return client.Head(path, requestHeaders());
+        });
         if (response && response->status == 200) {
             result[QStringLiteral("eTag")] = QString::fromStdString(response->get_header_value("ETag"));
             result[QStringLiteral("contentLength")] = QString::fromStdString(response->get_header_value("Content-Length"));
@@ -274,12 +281,9 @@ QVariantMap NetworkRequestManager::handleDownload(int requestId, const QVariantM
             }
             return true;
         };
-        const httplib::Result response = HttpClientFactory::instance().send(
-            urlOf(params), [&](httplib::Client &client, const std::string &path) {
-                const LiveClients::Lease lease(liveClients, client);
-                return running ? client.Get(path, requestHeaders(), handler, receiver)
-                               : httplib::Result(nullptr, httplib::Error::Canceled);
-            });
+        const httplib::Result response = send(urlOf(params), [&](httplib::Client &client, const std::string &path) {
+            return client.Get(path, requestHeaders(), handler, receiver);
+        });
         const bool closed = file.close();
         if (writeFailed || !closed) {
             Logger::Log() << kLogPrefix << "DownloadError: Disk access error: " << downloadPath << ": "
@@ -432,12 +436,9 @@ bool NetworkRequestManager::handleSingleChunkDownload(ChunkJob &job, std::pair<q
             received += length;
             return true;
         };
-        const httplib::Result response
-            = HttpClientFactory::instance().send(job.url, [&](httplib::Client &client, const std::string &path) {
-                  const LiveClients::Lease lease(liveClients, client);
-                  return running ? client.Get(path, headers, handler, receiver)
-                                 : httplib::Result(nullptr, httplib::Error::Canceled);
-              });
+        const httplib::Result response = send(job.url, [&](httplib::Client &client, const std::string &path) {
+            return client.Get(path, headers, handler, receiver);
+        });
         if (!running)
             return false;
         if (seenStatus == 429) {

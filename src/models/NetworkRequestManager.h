@@ -1,6 +1,6 @@
 #pragma once
 
-#include "models/LiveClients.h"
+#include "cloud/TransferRegistry.h"
 
 #include <QObject>
 #include <QVariantMap>
@@ -8,6 +8,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -60,6 +61,10 @@ private:
     bool handleSingleChunkDownload(ChunkJob &job, std::pair<quint64, quint64> range, char *buffer);
     // Sleeps up to `ms`, or less when the manager stops; false when it stopped.
     bool pause(int ms);
+    // One request through the shared factory (redirects followed there), its
+    // client registered for `stop()`; nothing is sent once stopped.
+    httplib::Result send(const std::string &url,
+                         const std::function<httplib::Result(httplib::Client &, const std::string &)> &request);
 
     std::thread workerThread;
     std::atomic<bool> running{true};
@@ -69,7 +74,9 @@ private:
     std::vector<std::thread> chunkThreads;
     std::atomic<int> lastRequestId{0};
 
-    LiveClients liveClients;
+    // Clients with a request in flight, stopped by `stop()`: a receiver runs
+    // only when bytes arrive, so a stalled transfer would wait out the read timeout.
+    TransferRegistry liveClients;
     std::mutex pauseMutex;
     std::condition_variable pauseCondition;
 };

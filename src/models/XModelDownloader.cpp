@@ -1,6 +1,6 @@
 #include "models/XModelDownloader.h"
 
-#include "models/LiveClients.h"
+#include "cloud/TransferRegistry.h"
 #include "plugin/Configuration.h"
 #include "plugin/HttpClientFactory.h"
 
@@ -71,7 +71,6 @@ struct Body
 XModelDownloader::XModelDownloader(QObject *parent)
     : QObject(parent)
     , queue(std::make_unique<aiutils::BlockingQueueTemplate<std::queue<XModelFileInfo>, XModelFileInfo>>())
-    , clients(std::make_unique<LiveClients>())
 {
 }
 
@@ -89,6 +88,7 @@ bool XModelDownloader::isHostileFileName(const QString &fileName)
 void XModelDownloader::start()
 {
     running = true;
+    clients = std::make_shared<TransferRegistry>();
     queue->reset();
     for (unsigned i = 0; i < workerCount; ++i)
         workers.emplace_back([this] { runWorker(); });
@@ -104,7 +104,8 @@ void XModelDownloader::stop()
     running = false;
     queue->stop();
     queue->clear();
-    clients->stopAll();
+    if (clients)
+        clients->stopAll();
     for (std::thread &worker : workers)
         worker.join();
     workers.clear();
@@ -169,7 +170,7 @@ bool XModelDownloader::downloadModelFileAndVerify(const XModelFileInfo &info)
             return body.append(data, length) && running;
         };
         const httplib::Result result = factory.send(url, [&](httplib::Client &client, const std::string &path) {
-            const LiveClients::Lease lease(*clients, client);
+            const TransferRegistry::Lease lease(*clients, client);
             client.set_connection_timeout(kConnectTimeoutSeconds, 0);
             return running ? client.Get(path, {{"Accept-Encoding", "Identity"}}, handler, receiver)
                            : httplib::Result(nullptr, httplib::Error::Canceled);

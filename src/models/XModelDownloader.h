@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-class LiveClients;
+class TransferRegistry;
 
 // One model file to fetch.
 struct XModelFileInfo
@@ -54,5 +54,6 @@ private:
     std::atomic<bool> running{false};
     std::unique_ptr<aiutils::BlockingQueueTemplate<std::queue<XModelFileInfo>, XModelFileInfo>> queue;
     std::vector<std::thread> workers;
-    std::unique_ptr<LiveClients> clients; // broken by `stop`, so a stalled transfer does not hold the join
+    // Broken by `stop`, so a stalled transfer does not hold the join; one per batch.
+    std::shared_ptr<TransferRegistry> clients;
 };
