@@ -69,7 +69,6 @@ class tst_NetworkRequestManager : public QObject
 private slots:
     void initTestCase();
     void init();
-    void rangesCoverTheFileIn256MiBSteps_data();
     void rangesCoverTheFileIn256MiBSteps();
     void checkThenChunkedDownloadIsByteIdenticalAndAsksEachRangeOnce();
     void rangeFaultsAreRetriedOrFailTheDownload_data();
@@ -115,28 +114,13 @@ void tst_NetworkRequestManager::init()
     QVERIFY(m_host->reset());
 }
 
-void tst_NetworkRequestManager::rangesCoverTheFileIn256MiBSteps_data()
-{
-    QTest::addColumn<quint64>("length");
-    QTest::addColumn<QList<quint64>>("bounds"); // start, end, start, end, ...
-    const quint64 chunk = NetworkRequestManager::chunkSize;
-    QTest::newRow("empty") << quint64(0) << QList<quint64>{};
-    QTest::newRow("one byte") << quint64(1) << QList<quint64>{0, 0};
-    QTest::newRow("exactly one range") << chunk << QList<quint64>{0, chunk - 1};
-    QTest::newRow("one byte more") << chunk + 1 << QList<quint64>{0, chunk - 1, chunk, chunk};
-    QTest::newRow("five ranges") << 4 * chunk + 10 << QList<quint64>{0, chunk - 1, chunk, 2 * chunk - 1, 2 * chunk,
-                                                                       3 * chunk - 1, 3 * chunk, 4 * chunk - 1,
-                                                                       4 * chunk, 4 * chunk + 9};
-}
-
 void tst_NetworkRequestManager::rangesCoverTheFileIn256MiBSteps()
 {
-    QFETCH(quint64, length);
-    QFETCH(QList<quint64>, bounds);
-    QList<quint64> got;
-    for (const auto &[start, end] : NetworkRequestManager::chunkRanges(length))
-        got << start << end;
-    QCOMPARE(got, bounds);
+    using Ranges = std::vector<std::pair<quint64, quint64>>;
+    const quint64 chunk = NetworkRequestManager::chunkSize;
+    QCOMPARE(NetworkRequestManager::chunkRanges(0), Ranges{});
+    QCOMPARE(NetworkRequestManager::chunkRanges(chunk), (Ranges{{0, chunk - 1}}));
+    QCOMPARE(NetworkRequestManager::chunkRanges(chunk + 1), (Ranges{{0, chunk - 1}, {chunk, chunk}}));
 }
 
 void tst_NetworkRequestManager::checkThenChunkedDownloadIsByteIdenticalAndAsksEachRangeOnce()
@@ -187,8 +171,6 @@ void tst_NetworkRequestManager::rangeFaultsAreRetriedOrFailTheDownload_data()
     QTest::newRow("three 429 then 206") << "small.bin" << threeLimits << true << 4;
     QTest::newRow("four 429") << "small.bin" << fourLimits << false << 4;
     QTest::newRow("dropped mid-range, then whole") << "small.bin" << QJsonArray{fault("dropMidBody", 1)} << true << 2;
-    QTest::newRow("500 four times") << "small.bin"
-                                    << QJsonArray{fault("status", 0)} << false << 4;
     // Range ignored: a 200 with exactly the range is the range...
     QTest::newRow("200 equal to the range") << "small.bin" << QJsonArray{fault("ignoreRange", 0)} << true << 1;
     // ...a 200 with the whole of a longer file is refused at the range's end.
@@ -224,30 +206,44 @@ void tst_NetworkRequestManager::rangeFaultsAreRetriedOrFailTheDownload()
 void tst_NetworkRequestManager::plainDownloadKeepsOnlyA200Body_data()
 {
     QTest::addColumn<QString>("resource");
-    QTest::addColumn<bool>("succeeds");
-    QTest::newRow("200") << "small.bin" << true;
-    QTest::newRow("404") << "missing.bin" << false;
+    QTest::addColumn<QString>("downloadPath"); // empty: beside the others
+    QTest::addColumn<QString>("logged");
+    QTest::newRow("200") << "small.bin" << QString() << QString();
+    QTest::newRow("404") << "missing.bin" << QString() << "404";
+    // Every write fails with ENOSPC there: a full disk.
+    QTest::newRow("disk full") << "small.bin" << "/dev/full" << "Disk access error";
 }
 
 void tst_NetworkRequestManager::plainDownloadKeepsOnlyA200Body()
 {
     QFETCH(QString, resource);
-    QFETCH(bool, succeeds);
+    QFETCH(QString, downloadPath);
+    QFETCH(QString, logged);
+    const bool succeeds = logged.isEmpty();
     NetworkRequestManager manager;
     Recorder events(manager);
-    StdoutCapture output;
-    manager.queueRequest(NetworkRequest::Download, params(resource, kSmallSize));
-    QVERIFY(events.waitFinished(1, 20000));
+    QVariantMap request = params(resource, kSmallSize);
+    if (!downloadPath.isEmpty())
+        request["downloadPath"] = downloadPath;
+    QString log;
+    {
+        // Captured only while the request runs, so that failures still show.
+        const StdoutCapture output;
+        manager.queueRequest(NetworkRequest::Download, request);
+        events.waitFinished(1, 20000);
+        log = output.text();
+    }
+    QCOMPARE(events.finished.size(), 1);
     // downloadFailed is not this path's signal: an empty eTag is the failure.
     QCOMPARE(events.order, (succeeds ? QStringList{"downloadFinished", "requestFinished"} : QStringList{"requestFinished"}));
     QCOMPARE(events.result(0)["eTag"].toString().isEmpty(), !succeeds);
     if (succeeds) {
         QCOMPARE(md5Of(m_out.filePath(resource)), md5Of(m_files.filePath(resource)));
     } else {
-        // The error page never becomes the file, and the log names the status.
-        QCOMPARE(QFileInfo(m_out.filePath(resource)).size(), 0);
-        QVERIFY2(output.text().contains("404"), qPrintable(output.text()));
-        QVERIFY(!output.text().contains("no response"));
+        // The error page never becomes the file, and the log says why.
+        QCOMPARE(QFileInfo(request["downloadPath"].toString()).size(), 0);
+        QVERIFY2(log.contains(logged), qPrintable(log));
+        QVERIFY(!log.contains("no response"));
     }
 }
 
@@ -260,7 +256,6 @@ void tst_NetworkRequestManager::unusableRequestsFailWithoutAskingTheHost_data()
     const QString out = m_out.path() + "/unusable.bin";
     QTest::newRow("no length") << 2 << out << QVariant() << "failed";
     QTest::newRow("length not a number") << 2 << out << QVariant("12ab") << "failed";
-    QTest::newRow("negative length") << 2 << out << QVariant(-5) << "failed";
     QTest::newRow("file cannot be made") << 2 << m_out.path() + "/no/such/folder/x.bin" << QVariant(100) << "failed";
     QTest::newRow("zero length: empty file") << 2 << out << QVariant("0") << "finished";
     QTest::newRow("unknown type") << 7 << out << QVariant(100) << "none";

