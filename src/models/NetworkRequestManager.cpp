@@ -19,6 +19,7 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
+#include <system_error>
 
 using aiutils::Logger;
 
@@ -205,19 +206,25 @@ void NetworkRequestManager::handleRequests()
             requestQueue.pop_front();
         }
         QVariantMap result;
-        switch (request.type) {
-        case NetworkRequest::Download:
-            result = handleDownload(request.requestId, request.params);
-            break;
-        case NetworkRequest::CheckDownload:
-            result = handleCheckDownload(request.requestId, request.params);
-            break;
-        case NetworkRequest::ChunkedDownload:
-            result = handleChunkedDownload(request.requestId, request.params);
-            break;
-        default:
-            Logger::Log() << kLogPrefix << "unknown request type " << request.type << " of request "
-                          << request.requestId;
+        try {
+            switch (request.type) {
+            case NetworkRequest::Download:
+                result = handleDownload(request.requestId, request.params);
+                break;
+            case NetworkRequest::CheckDownload:
+                result = handleCheckDownload(request.requestId, request.params);
+                break;
+            case NetworkRequest::ChunkedDownload:
+                result = handleChunkedDownload(request.requestId, request.params);
+                break;
+            default:
+                Logger::Log() << kLogPrefix << "unknown request type " << request.type << " of request "
+                              << request.requestId;
+            }
+        } catch (const std::exception &error) {
+            // Nothing may leave the worker; the request still ends with its signal.
+            Logger::Log() << kLogPrefix << "request " << request.requestId << " failed: " << error.what();
+            result.clear();
         }
         emit requestFinished(request.requestId, result);
     }
@@ -338,8 +345,19 @@ QVariantMap NetworkRequestManager::handleChunkedDownload(int requestId, const QV
     job.downloadPath = downloadPath;
     job.ranges = chunkRanges(*contentLength);
     chunkThreads.clear();
-    for (int index = 0; index < chunkThreadCount; ++index)
-        chunkThreads.emplace_back([this, &job, index] { runChunkThread(job, index); });
+    try {
+        for (int index = 0; index < chunkThreadCount; ++index)
+            chunkThreads.emplace_back([this, &job, index] { runChunkThread(job, index); });
+    } catch (const std::system_error &error) {
+        // The threads that did start share `job`: they end before it does.
+        Logger::Log() << kLogPrefix << "cannot start the range threads: " << error.what();
+        job.failed = true;
+        for (std::thread &thread : chunkThreads)
+            thread.join();
+        chunkThreads.clear();
+        emit downloadFailed(requestId, downloadPath);
+        return result;
+    }
 
     // Only the first thread's end stops the reports; the join waits for the rest.
     auto lastEmission = std::chrono::steady_clock::now();

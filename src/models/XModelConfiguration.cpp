@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <set>
+#include <system_error>
 
 using aiutils::Logger;
 using nlohmann::json;
@@ -253,7 +254,14 @@ void XModelConfiguration::downloadModelFiles(QVariantMap modelIdToFilesNameListM
     for (const QVariant &files : modelIdToFilesNameListMap)
         total += static_cast<int>(files.toStringList().size());
     setCounts(total, 0);
-    downloader.start();
+    try {
+        downloader.start();
+    } catch (const std::system_error &error) {
+        Logger::Log() << kLogPrefix << "__!__ cannot start the download threads: " << error.what();
+        downloader.stop();
+        emit downloadExited(false, QString::fromUtf8(error.what()));
+        return;
+    }
     for (auto it = modelIdToFilesNameListMap.cbegin(); it != modelIdToFilesNameListMap.cend(); ++it)
         for (const QString &file : it.value().toStringList())
             downloader.addTask({it.key(), file});
