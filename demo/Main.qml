@@ -613,6 +613,7 @@ ApplicationWindow {
             case "flags": sidePanel.telemetry.readFlags(script.hooks()); break
             case "identity": sidePanel.telemetry.repairIdentity(script.hooks()); break
             case "update": sidePanel.telemetry.checkForUpdates(script.hooks()); break
+            case "models": sidePanel.models.start(script.hooks()); break
             default: abort("unknown step \"" + step + "\"")
             }
         }

@@ -12,17 +12,23 @@
 class CloudStandIn : private QTemporaryDir, public StandInProcess
 {
 public:
-    explicit CloudStandIn(const QStringList &arguments = {})
+    // `extraConfig` adds keys to the client configuration (modelPassword, ...).
+    explicit CloudStandIn(const QStringList &arguments = {}, const QJsonObject &extraConfig = {})
         : StandInProcess(QStringLiteral(KUTILS_CLOUD_STANDIN), QStringList{"--dir", path() + "/service"} + arguments)
     {
         if (!isReady())
             return;
-        useConfiguration(path(), {{"videoApiProduction", ready["video"]}, {"videoApiStaging", ready["videoStaging"]},
-                                  {"accountApiProduction", ready["account"]}, {"accountApiStaging", ready["accountStaging"]},
-                                  {"cloudApiKeyProduction", ready["apiKeyProduction"]},
-                                  {"cloudApiKeyStaging", ready["apiKeyStaging"]}, {"caBundle", ready["caBundle"]},
-                                  // Only asked for its system proxy, never called.
-                                  {"downloadHost", "https://127.0.0.1:9/"}});
+        QJsonObject config{{"videoApiProduction", ready["video"]}, {"videoApiStaging", ready["videoStaging"]},
+                           {"accountApiProduction", ready["account"]}, {"accountApiStaging", ready["accountStaging"]},
+                           {"cloudApiKeyProduction", ready["apiKeyProduction"]},
+                           {"cloudApiKeyStaging", ready["apiKeyStaging"]}, {"caBundle", ready["caBundle"]},
+                           // Only asked for its system proxy, never called.
+                           {"downloadHost", "https://127.0.0.1:9/"}};
+        if (ready.contains("files"))
+            config["modelHost"] = ready["files"];
+        for (auto it = extraConfig.begin(); it != extraConfig.end(); ++it)
+            config[it.key()] = it.value();
+        useConfiguration(path(), config);
     }
     ~CloudStandIn() { release(); }
 
