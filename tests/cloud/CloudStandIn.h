@@ -16,6 +16,13 @@ public:
     explicit CloudStandIn(const QStringList &arguments = {}, const QJsonObject &extraConfig = {})
         : StandInProcess(QStringLiteral(KUTILS_CLOUD_STANDIN), QStringList{"--dir", path() + "/service"} + arguments)
     {
+        configure(extraConfig);
+    }
+    ~CloudStandIn() { release(); }
+
+    // Points the client configuration at the stand-in, with `extra` keys over the defaults.
+    void configure(const QJsonObject &extra)
+    {
         if (!isReady())
             return;
         QJsonObject config{{"videoApiProduction", ready["video"]}, {"videoApiStaging", ready["videoStaging"]},
@@ -26,14 +33,12 @@ public:
                            {"downloadHost", "https://127.0.0.1:9/"}};
         if (ready.contains("files"))
             config["modelHost"] = ready["files"];
-        for (auto it = extraConfig.begin(); it != extraConfig.end(); ++it)
+        for (auto it = extra.begin(); it != extra.end(); ++it)
             config[it.key()] = it.value();
         useConfiguration(path(), config);
     }
-    ~CloudStandIn() { release(); }
 
     QString token() const { return ready["token"].toString(); }
-    QString folder() const { return path(); }
 
     // One fault, or an array of them: {"call", "kind", "occurrence", "job", "status", "body", "delayMs"}.
     bool fault(const QJsonValue &spec)

@@ -1,8 +1,8 @@
 // A ranged download as the front end asks for one: from QML, by the enum's
 // name and with the length as a JavaScript number, through the built plugin.
 #include "../cloud/CloudStandIn.h"
+#include "../files/FilesTestSupport.h"
 
-#include <QCryptographicHash>
 #include <QQmlComponent>
 #include <QQmlEngine>
 #include <QTemporaryDir>
@@ -19,9 +19,7 @@ private slots:
         QByteArray bytes(3 * 1024 * 1024 + 77, Qt::Uninitialized);
         for (qsizetype i = 0; i < bytes.size(); ++i)
             bytes[i] = char(i * 7 + (i >> 13));
-        QFile file(served.filePath("set.bin"));
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-        file.close();
+        QVERIFY(writeFile(served.filePath("set.bin"), bytes));
         CloudStandIn host({"--files", served.path()});
         QVERIFY(host.isReady());
 
@@ -47,9 +45,7 @@ NetworkRequestManager {
         QCOMPARE(id.toInt(), 1);
         QTRY_COMPARE_WITH_TIMEOUT(manager->property("events").toStringList(), (QStringList{"finished 1", "request 1"}),
                                   30000);
-        QFile got(out.filePath("got.bin"));
-        QVERIFY(got.open(QIODevice::ReadOnly));
-        QCOMPARE(got.readAll(), bytes);
+        QCOMPARE(readFileBytes(out.filePath("got.bin")), bytes);
         QCOMPARE(host.log().first()["headers"]["Range"].toString(), QString("bytes=0-3145804"));
     }
 };

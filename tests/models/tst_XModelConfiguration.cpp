@@ -23,14 +23,7 @@ const QStringList kCpuFiles{"flow-1-cpu-x1.kz", "interp-1-cpu-x1.kz", "upscale-2
 
 QByteArray catalogue()
 {
-    QFile file(QStringLiteral(KUTILS_SOURCE_DIR "/demo/models/models.json"));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return readFileBytes(QStringLiteral(KUTILS_SOURCE_DIR "/demo/models/models.json"));
 }
 
 nlohmann::json record(const char *id)
@@ -69,18 +62,7 @@ private:
         file.open(QIODevice::ReadWrite);
         file.setFileTime(QDateTime::currentDateTime().addSecs(++m_stamp), QFileDevice::FileModificationTime);
     }
-    void setModelHost(const QString &host)
-    {
-        QFile file(m_host->folder() + "/config.json");
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QJsonObject config = QJsonDocument::fromJson(file.readAll()).object();
-        file.close();
-        config["modelHost"] = host;
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(QJsonDocument(config).toJson());
-        file.close();
-        Configuration::reload();
-    }
+    void setModelHost(const QString &host) { m_host->configure({{"modelPassword", kPassword}, {"modelHost", host}}); }
     QStringList fileCalls()
     {
         QStringList calls;
@@ -229,7 +211,7 @@ void tst_XModelConfiguration::batchDownloadsVerifiesAndCounts()
     QCOMPARE(completed.size(), kCpuFiles.size());
     QCOMPARE(m_config->getExistingFilesNameList(), kCpuFiles);
     for (const QString &name : kCpuFiles)
-        QCOMPARE(readAll(dataDir() + "/" + name), readAll(m_files.filePath(name)));
+        QCOMPARE(readFileBytes(dataDir() + "/" + name), readFileBytes(m_files.filePath(name)));
     QStringList calls = fileCalls();
     calls.sort();
     QCOMPARE(calls, (QStringList{"/interp-1-cpu-x1.kz", "/upscale-2-cpu-x2.kz", "/upscale-2-cpu-x4.kz", "/upscale-3-cpu-x2.kz"}));
