@@ -148,7 +148,6 @@ private slots:
             const auto first = authorisedApi();
             QSignalSpy chunks(first.get(), &CloudAPI::chunkUploaded);
             QSignalSpy cost(first.get(), &CloudAPI::costAvailable);
-            QSignalSpy errors(first.get(), &CloudAPI::errorHit);
             QJsonArray faults{QJsonObject{{"call", "complete"}, {"kind", "status"}}};
             for (int part = restored + 1; part <= 5; ++part)
                 faults << QJsonObject{{"call", "chunk"}, {"kind", "status"}, {"occurrence", part}};

@@ -107,7 +107,6 @@ private slots:
         QTest::newRow("h264 mp4 with B-frames") << "bframes.mp4" << 90;
         QTest::newRow("h264 open GOP") << "opengop.mp4" << 90;
         QTest::newRow("MPEG-TS") << "bframes.ts" << 90;
-        QTest::newRow("odd width 642") << "odd.mp4" << 30;
         QTest::newRow("PNG sequence from 1001") << "seq/frame_%06d.png" << 12;
     }
     void seeksLandOnTheFramesOfASequentialDecode()
