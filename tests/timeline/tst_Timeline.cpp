@@ -231,47 +231,6 @@ private slots:
         QCOMPARE(describe(timeline), QStringLiteral("I(0,10000)"));
     }
 
-    // Lookups go by file: a preview of the input's own file counts as the input.
-    void previewOfTheInputsOwnFileIsNotAPreviewForLookups()
-    {
-        Timeline timeline;
-        timeline.setInput(makeTestInput());
-        timeline.addVideo(makeTestPreview(QStringLiteral("input.mp4"), 2000, 3000));
-        timeline.addVideo(makeTestPreview(QStringLiteral("B"), 5000, 6000));
-        QCOMPARE(timeline.rData.videos.size(), std::size_t(5));
-        QVERIFY(!timeline.getPreviewAt(2500));
-        const std::vector<QPoint> ranges = timeline.getPreviewRanges();
-        QCOMPARE(ranges.size(), std::size_t(1));
-        QCOMPARE(ranges.front(), QPoint(5000, 6000));
-    }
-
-    void getRDataPointsIndexAtTheStretch_data()
-    {
-        QTest::addColumn<QStringList>("steps");
-        QTest::addColumn<qint64>("first");
-        QTest::addColumn<qint64>("second");
-        QTest::addColumn<int>("index");
-
-        // The last millisecond of a gap already belongs to the stretch behind it.
-        QTest::newRow("last millisecond of a gap") << QStringList{"A=100,120"} << qint64(0) << qint64(120) << 1;
-        QTest::newRow("inside a gap after a move") << QStringList{"A=100,120"} << qint64(5000) << qint64(110) << 1;
-        QTest::newRow("past the end keeps the index")
-            << QStringList{"A=2000,3000"} << qint64(2500) << qint64(20000) << 1;
-        QTest::newRow("one before the next x") << QStringList{"A=2000,3000"} << qint64(0) << qint64(1999) << 0;
-    }
-
-    void getRDataPointsIndexAtTheStretch()
-    {
-        QFETCH(QStringList, steps);
-        QFETCH(qint64, first);
-        QFETCH(qint64, second);
-        QFETCH(int, index);
-        const auto built = build(steps);
-        built->timeline.getRData(first);
-        QCOMPARE(built->timeline.getRData(second).index, index);
-        QCOMPARE(built->timeline.rData.index, index);
-    }
-
     // The first preview of a set starts its timeline on the given input; later
     // ones join it and their input argument is ignored.
     void previewsOfASetShareOneTimeline()

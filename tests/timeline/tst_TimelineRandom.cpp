@@ -8,7 +8,8 @@
 using videoplayer::Timeline;
 
 // Random sequences of adds and deletes; after every step the run must keep
-// its invariants and the lookups must agree with a plain scan of it. A failure
+// its invariants and the lookups must agree with a plain scan of it, at both
+// ends of every stretch and gap and past the input. A failure
 // names the seed: KUTILS_TIMELINE_SEED=<seed> replays that one sequence.
 class tst_TimelineRandom : public QObject
 {
@@ -35,7 +36,7 @@ class tst_TimelineRandom : public QObject
             return QStringLiteral("getPreviewRanges disagrees with the run");
         std::vector<TSType> probes{-1, 0, timeline.input->duration, timeline.input->duration + 1};
         for (const auto &range : ranges)
-            probes.insert(probes.end(), {range.first, range.second + 1});
+            probes.insert(probes.end(), {range.first - 1, range.first, range.second + 1});
         // getPreviewAt logs a line per stretch: asked at a spread of the probes only.
         const std::size_t spread = std::max<std::size_t>(1, probes.size() / 8);
         for (std::size_t p = 0; p < probes.size(); ++p) {
