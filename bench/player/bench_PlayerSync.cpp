@@ -9,7 +9,8 @@
 // 1. Plays 0.6 s .. 3.9 s of a 25 fps input beside a preview set (1.0-2.0 s at
 //    slow motion 1, 2.5-3.0 s at slow motion 2) and prints the offset between
 //    the panes on the input's axis in frames, away from and around each
-//    preview boundary: from mpv's reported positions, and from photographs of
+//    preview boundary: from mpv's reported positions (each pane's last report
+//    carried to the instant of the other's), and from photographs of
 //    the window (each input frame is a grey level that names its number).
 // 2. The time from the last of a burst of ten seeks until both panes show the
 //    target, beside the same burst sent to two bare mpv panes holding the
@@ -20,6 +21,7 @@
 #include "playback/VideoPlayer.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QGuiApplication>
 #include <QProcess>
 #include <QQmlComponent>
@@ -31,6 +33,7 @@
 #include <QThread>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -92,10 +95,8 @@ struct Bench
     MPVObject *bareLeft = nullptr;
     MPVObject *bareRight = nullptr;
 
-    double onInputAxis(MPVObject *pane) const
+    double onInputAxis(const QString &file, double ms) const
     {
-        const double ms = pane->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0;
-        const QString file = QString::fromStdString(pane->getCurrentPlayingVideoPath());
         if (file == previewA)
             return 1000.0 + ms;
         if (file == previewB)
@@ -103,31 +104,65 @@ struct Bench
         return ms;
     }
 
+    // The last position each pane reported, on the input's axis, and when mpv
+    // queued that report (steady clock). A pane's position at another instant
+    // follows from the axis' rate: reading the two panes one after the other
+    // would add the time between the reads to the offset.
+    struct Report
+    {
+        double inputMs = -1;
+        double atMs = 0;
+        bool slow = false;
+    };
+    std::array<Report, 2> last;
+    std::vector<double> *steadyOut = nullptr;
+    std::vector<double> *boundaryOut = nullptr;
+    double mpvLead = 0;  // right minus left, summed over steady samples
+
+    void watch(MPVObject *pane, int index)
+    {
+        QObject::connect(pane, &MPVObject::timePosFullChanged, pane, [this, pane, index](int, qlonglong pos, bool eof) {
+            const QString file = QString::fromStdString(pane->getCurrentPlayingVideoPath());
+            Report &mine = last[static_cast<size_t>(index)];
+            mine = {onInputAxis(file, static_cast<double>(pos)), pane->reportTime(), file == previewB};
+            const Report &other = last[static_cast<size_t>(1 - index)];
+            if (eof || !steadyOut || !player->getIsPlaying() || other.inputMs < 0 || other.atMs <= 0 || mine.atMs <= 0)
+                return;
+            // Within the slowed preview the input's axis runs at half speed.
+            const double rate = (mine.slow || other.slow) ? 0.5 : 1.0;
+            const double otherNow = other.inputMs + rate * (mine.atMs - other.atMs);
+            const double rightMinusLeft = index == 1 ? mine.inputMs - otherNow : otherNow - mine.inputMs;
+            const bool near = nearBoundary(mine.inputMs) || nearBoundary(otherNow);
+            (near ? boundaryOut : steadyOut)->push_back(std::abs(rightMinusLeft) / 40.0);
+            if (!near)
+                mpvLead += rightMinusLeft / 40.0;
+        });
+    }
+
+    static bool nearBoundary(double ms)
+    {
+        static const double boundaries[] = {1000, 2001, 2500, 3001};
+        return std::any_of(std::begin(boundaries), std::end(boundaries), [&](double b) { return std::abs(ms - b) < 80; });
+    }
+
     void play(const char *title)
     {
         player->seek(600);
         (void)QTest::qWaitFor([&] { return player->isIdle(); }, 10000);
         QTest::qWait(300);
-        const double boundaries[] = {1000, 2001, 2500, 3001};
-        const auto nearBoundary = [&](double ms) {
-            return std::any_of(std::begin(boundaries), std::end(boundaries),
-                               [&](double b) { return std::abs(ms - b) < 80; });
-        };
-        std::vector<double> steady, boundary, photoSteady, photoBoundary;
+        std::vector<double> steady, boundary, photoSteady, photoBoundary, photoSlow;
         double photoLead = 0;  // right minus left, summed over steady photographs
+        last = {};
+        mpvLead = 0;
+        steadyOut = &steady;
+        boundaryOut = &boundary;
         player->play();
         QElapsedTimer guard;
         guard.start();
         int tick = 0;
         while (player->getInputTimestamp() < 3850 && guard.elapsed() < 20000) {
             QTest::qWait(7);
-            if (!player->getIsPlaying())
-                continue;
-            const double l = onInputAxis(left);
-            const double r = onInputAxis(right);
-            const bool near = nearBoundary(l) || nearBoundary(r);
-            (near ? boundary : steady).push_back(std::abs(l - r) / 40.0);
-            if (++tick % 3 != 0)
+            if (!player->getIsPlaying() || ++tick % 3 != 0)
                 continue;
             // Two software-GL windows flip on their own: a photograph is the
             // user's view, a position report is not.
@@ -137,17 +172,26 @@ struct Bench
             const bool nearInPicture = nearBoundary(shownLeft * 40) || nearBoundary(shownRight * 40);
             const double lead = std::round(shownRight) - std::round(shownLeft);
             (nearInPicture ? photoBoundary : photoSteady).push_back(std::abs(lead));
+            if (!nearInPicture && shownLeft * 40 > 2500 && shownLeft * 40 < 3000)
+                photoSlow.push_back(std::abs(lead));
             if (!nearInPicture)
                 photoLead += lead;
         }
+        steadyOut = nullptr;
         player->pause();
         (void)QTest::qWaitFor([&] { return player->isIdle() && !player->getIsPlaying(); }, 5000);
 
-        std::printf("%s: offset between the panes on the input's axis while playing (frames)\n", title);
+        QFile loadavg(QStringLiteral("/proc/loadavg"));
+        const QByteArray loadText = loadavg.open(QIODevice::ReadOnly) ? loadavg.readLine().trimmed() : QByteArray();
+        std::printf("%s (load %s): offset between the panes on the input's axis while playing (frames)\n", title,
+                    loadText.constData());
         printRow("mpv positions, steady", steady);
+        std::printf("  %-34s %+5.2f frames (right minus left)\n", "mpv positions, steady, mean",
+                    steady.empty() ? 0.0 : mpvLead / static_cast<double>(steady.size()));
         printRow("mpv positions, within 2 frames of a cut", boundary);
         printRow("photographs, steady", photoSteady);
         printRow("photographs, within 2 frames of a cut", photoBoundary);
+        printRow("photographs, slowed preview, steady", photoSlow);
         std::printf("  %-34s %+5.2f frames (right minus left)\n", "photographs, steady, mean",
                     photoSteady.empty() ? 0.0 : photoLead / static_cast<double>(photoSteady.size()));
     }
@@ -231,6 +275,8 @@ int main(int argc, char **argv)
     bench.right = item("right");
     bench.bareLeft = item("bareLeft");
     bench.bareRight = item("bareRight");
+    bench.watch(bench.left, 0);
+    bench.watch(bench.right, 1);
     (void)QTest::qWaitFor([&] { return bench.left->surface() && bench.right->surface() && bench.bareRight->surface(); }, 10000);
 
     bench.player->addInput(1, 0, bench.input, 4000, 25.0, 1.0, true, {{QStringLiteral("duration"), 4000}});
