@@ -15,6 +15,7 @@
 // 2. The time from the last of a burst of ten seeks until both panes show the
 //    target, beside the same burst sent to two bare mpv panes holding the
 //    panes' files, as a ratio (median of 20 bursts).
+#include "PaneOffsets.h"
 #include "PlayerMedia.h"
 
 #include "playback/MPVObject.h"
@@ -30,10 +31,8 @@
 #include <QScreen>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QThread>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -95,48 +94,15 @@ struct Bench
     MPVObject *bareLeft = nullptr;
     MPVObject *bareRight = nullptr;
 
-    double onInputAxis(const QString &file, double ms) const
+    std::unique_ptr<playermedia::PaneOffsets> offsets;
+
+    playermedia::PaneOffsets::OnInput onInputAxis(const QString &file, double ms) const
     {
         if (file == previewA)
-            return 1000.0 + ms;
+            return {1000.0 + ms, 1};
         if (file == previewB)
-            return 2500.0 + ms / 2.0;
-        return ms;
-    }
-
-    // The last position each pane reported, on the input's axis, and when mpv
-    // queued that report (steady clock). A pane's position at another instant
-    // follows from the axis' rate: reading the two panes one after the other
-    // would add the time between the reads to the offset.
-    struct Report
-    {
-        double inputMs = -1;
-        double atMs = 0;
-        bool slow = false;
-    };
-    std::array<Report, 2> last;
-    std::vector<double> *steadyOut = nullptr;
-    std::vector<double> *boundaryOut = nullptr;
-    double mpvLead = 0;  // right minus left, summed over steady samples
-
-    void watch(MPVObject *pane, int index)
-    {
-        QObject::connect(pane, &MPVObject::timePosFullChanged, pane, [this, pane, index](int, qlonglong pos, bool eof) {
-            const QString file = QString::fromStdString(pane->getCurrentPlayingVideoPath());
-            Report &mine = last[static_cast<size_t>(index)];
-            mine = {onInputAxis(file, static_cast<double>(pos)), pane->reportTime(), file == previewB};
-            const Report &other = last[static_cast<size_t>(1 - index)];
-            if (eof || !steadyOut || !player->getIsPlaying() || other.inputMs < 0 || other.atMs <= 0 || mine.atMs <= 0)
-                return;
-            // Within the slowed preview the input's axis runs at half speed.
-            const double rate = (mine.slow || other.slow) ? 0.5 : 1.0;
-            const double otherNow = other.inputMs + rate * (mine.atMs - other.atMs);
-            const double rightMinusLeft = index == 1 ? mine.inputMs - otherNow : otherNow - mine.inputMs;
-            const bool near = nearBoundary(mine.inputMs) || nearBoundary(otherNow);
-            (near ? boundaryOut : steadyOut)->push_back(std::abs(rightMinusLeft) / 40.0);
-            if (!near)
-                mpvLead += rightMinusLeft / 40.0;
-        });
+            return {2500.0 + ms / 2.0, 2};
+        return {ms, 1};
     }
 
     static bool nearBoundary(double ms)
@@ -152,10 +118,8 @@ struct Bench
         QTest::qWait(300);
         std::vector<double> steady, boundary, photoSteady, photoBoundary, photoSlow;
         double photoLead = 0;  // right minus left, summed over steady photographs
-        last = {};
-        mpvLead = 0;
-        steadyOut = &steady;
-        boundaryOut = &boundary;
+        offsets->samples.clear();
+        offsets->setTaking(true);
         player->play();
         QElapsedTimer guard;
         guard.start();
@@ -177,9 +141,17 @@ struct Bench
             if (!nearInPicture)
                 photoLead += lead;
         }
-        steadyOut = nullptr;
+        offsets->setTaking(false);
         player->pause();
         (void)QTest::qWaitFor([&] { return player->isIdle() && !player->getIsPlaying(); }, 5000);
+        double mpvLead = 0;  // right minus left, summed over steady samples
+        for (const auto &sample : offsets->samples) {
+            const bool near = nearBoundary(sample.inputMs) || nearBoundary(sample.inputMs - sample.rightMinusLeft)
+                              || nearBoundary(sample.inputMs + sample.rightMinusLeft);
+            (near ? boundary : steady).push_back(std::abs(sample.rightMinusLeft) / 40.0);
+            if (!near)
+                mpvLead += sample.rightMinusLeft / 40.0;
+        }
 
         QFile loadavg(QStringLiteral("/proc/loadavg"));
         const QByteArray loadText = loadavg.open(QIODevice::ReadOnly) ? loadavg.readLine().trimmed() : QByteArray();
@@ -275,8 +247,8 @@ int main(int argc, char **argv)
     bench.right = item("right");
     bench.bareLeft = item("bareLeft");
     bench.bareRight = item("bareRight");
-    bench.watch(bench.left, 0);
-    bench.watch(bench.right, 1);
+    bench.offsets = std::make_unique<playermedia::PaneOffsets>(
+        bench.left, bench.right, [&bench](const QString &file, double ms) { return bench.onInputAxis(file, ms); });
     (void)QTest::qWaitFor([&] { return bench.left->surface() && bench.right->surface() && bench.bareRight->surface(); }, 10000);
 
     bench.player->addInput(1, 0, bench.input, 4000, 25.0, 1.0, true, {{QStringLiteral("duration"), 4000}});
@@ -287,15 +259,8 @@ int main(int argc, char **argv)
     bench.play("idle");
     bench.bursts("idle");
 
-    // An encode on every core, as a render beside the preview would be.
     QProcess load;
-    load.start(QStringLiteral("ffmpeg"),
-               {QStringLiteral("-v"), QStringLiteral("quiet"), QStringLiteral("-f"), QStringLiteral("lavfi"),
-                QStringLiteral("-i"), QStringLiteral("testsrc2=s=1920x1080:r=30"), QStringLiteral("-t"),
-                QStringLiteral("600"), QStringLiteral("-threads"), QString::number(QThread::idealThreadCount()),
-                QStringLiteral("-c:v"), QStringLiteral("libx264"), QStringLiteral("-preset"), QStringLiteral("medium"),
-                QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")});
-    if (!load.waitForStarted()) {
+    if (!playermedia::startBackgroundEncode(load)) {
         std::fprintf(stderr, "could not start the background encode\n");
         return 1;
     }
