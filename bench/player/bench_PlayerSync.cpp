@@ -7,7 +7,7 @@
 //     tests/support/with-xvfb.sh build/bench/player/bench_PlayerSync
 //
 // 1. Plays 0.6 s .. 3.9 s of a 25 fps input beside a preview set (1.0-2.0 s at
-//    slow motion 1, 2.5-3.0 s at slow motion 2) and prints the offset between
+//    slow motion 1, 2.52-3.0 s at slow motion 2) and prints the offset between
 //    the panes on the input's axis in frames, away from and around each
 //    preview boundary: from mpv's reported positions (each pane's last report
 //    carried to the instant of the other's), and from photographs of
@@ -101,13 +101,13 @@ struct Bench
         if (file == previewA)
             return {1000.0 + ms, 1};
         if (file == previewB)
-            return {2500.0 + ms / 2.0, 2};
+            return {2520.0 + ms / 2.0, 2};
         return {ms, 1};
     }
 
     static bool nearBoundary(double ms)
     {
-        static const double boundaries[] = {1000, 2001, 2500, 3001};
+        static const double boundaries[] = {1000, 2001, 2520, 3001};
         return std::any_of(std::begin(boundaries), std::end(boundaries), [&](double b) { return std::abs(ms - b) < 80; });
     }
 
@@ -136,7 +136,7 @@ struct Bench
             const bool nearInPicture = nearBoundary(shownLeft * 40) || nearBoundary(shownRight * 40);
             const double lead = std::round(shownRight) - std::round(shownLeft);
             (nearInPicture ? photoBoundary : photoSteady).push_back(std::abs(lead));
-            if (!nearInPicture && shownLeft * 40 > 2500 && shownLeft * 40 < 3000)
+            if (!nearInPicture && shownLeft * 40 > 2520 && shownLeft * 40 < 3000)
                 photoSlow.push_back(std::abs(lead));
             if (!nearInPicture)
                 photoLead += lead;
@@ -181,7 +181,7 @@ struct Bench
         for (int round = 0; round < 20; ++round) {
             // The last target lies in the slowed preview, on a frame's start.
             const qint64 target = 2600 + 40 * (round % 8);
-            const double rightFile = (target - 2500) * 2.0;
+            const double rightFile = (target - 2520) * 2.0;
             QElapsedTimer timer;
             for (int i = 9; i >= 0; --i)
                 player->seek(target - 100 * i);
@@ -192,7 +192,7 @@ struct Bench
 
             for (int i = 9; i >= 0; --i) {
                 bareLeft->seek(target - 100 * i);
-                bareRight->seek(static_cast<qint64>(std::max(0.0, (target - 100 * i - 2500) * 2.0)));
+                bareRight->seek(static_cast<qint64>(std::max(0.0, (target - 100 * i - 2520) * 2.0)));
             }
             timer.restart();
             const bool bareOk = QTest::qWaitFor([&] { return settled(bareLeft, target) && settled(bareRight, rightFile); },
@@ -227,7 +227,7 @@ int main(int argc, char **argv)
     bench.previewA = dir.filePath(QStringLiteral("a.mp4"));
     bench.previewB = dir.filePath(QStringLiteral("b.mp4"));
     if (!playermedia::makeInput(bench.input) || !playermedia::makePreview(bench.input, bench.previewA, 1000, 1000, 1)
-        || !playermedia::makePreview(bench.input, bench.previewB, 2500, 500, 2)) {
+        || !playermedia::makePreview(bench.input, bench.previewB, 2520, 480, 2)) {
         std::fprintf(stderr, "ffmpeg could not make the media\n");
         return 1;
     }
@@ -253,7 +253,7 @@ int main(int argc, char **argv)
 
     bench.player->addInput(1, 0, bench.input, 4000, 25.0, 1.0, true, {{QStringLiteral("duration"), 4000}});
     bench.player->addPreview(5, 2, 1, 1, bench.previewA, 1000, 1000, 25.0, 1.0, 1.0, {});
-    bench.player->addPreview(5, 3, 1, 1, bench.previewB, 2500, 500, 25.0, 2.0, 1.0, {});
+    bench.player->addPreview(5, 3, 1, 1, bench.previewB, 2520, 480, 25.0, 2.0, 1.0, {});
     bench.player->setPreviewSet(1, 5);
 
     bench.play("idle");

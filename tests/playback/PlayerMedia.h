@@ -33,6 +33,9 @@ inline bool makeInput(const QString &path)
 
 // The stretch [startMs, startMs + durationMs) of the input, tinted, at `slowmotion`
 // and `fps` (50 repeats each input frame, as an interpolating render would add one).
+// `startMs` is where an input frame starts: a render begins with the frame shown
+// at its start, while "-ss" inside a frame begins with the next one, and the
+// preview would then show each frame half a frame early on the timeline.
 inline bool makePreview(const QString &input, const QString &path, int startMs, int durationMs, int slowmotion,
                         int fps = 25)
 {

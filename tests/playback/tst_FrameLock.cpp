@@ -85,13 +85,13 @@ private slots:
         QTest::addColumn<double>("seconds");
         QTest::newRow("in step: left alone") << 0.5 << 1.0 << 3.0 << 30.0 << false << 4.0;
         QTest::newRow("a third of a frame behind: trimmed") << -13.0 << 1.0 << 3.0 << 30.0 << false << 4.0;
-        QTest::newRow("a frame and a half ahead: trimmed") << 60.0 << 1.0 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("slow motion, a quarter frame ahead: trimmed") << 8.0 << 0.5 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("busy machine, wide scatter: trimmed") << -15.0 << 1.0 << 9.0 << 60.0 << false << 4.0;
         // Cuts come every half second or so: the start-up gap must not outlive one.
         QTest::newRow("a frame behind after a cut: closed in time") << -36.0 << 1.0 << 3.0 << 30.0 << false << 0.8;
-        QTest::newRow("slow motion, half a frame ahead") << 10.0 << 0.5 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("a frame and a half ahead: trimmed") << 60.0 << 1.0 << 3.0 << 30.0 << false << 4.0;
         QTest::newRow("lost seek: fifteen frames behind") << -600.0 << 1.0 << 3.0 << 30.0 << true << 4.0;
         QTest::newRow("stray seek ahead, slow seeks") << 320.0 << 1.0 << 6.0 << 120.0 << true << 4.0;
-        QTest::newRow("busy machine: wide scatter") << -20.0 << 1.0 << 9.0 << 60.0 << false << 4.0;
     }
 
     void closesTheGapWithoutOvershooting()
