@@ -7,19 +7,22 @@
 //     tests/support/with-xvfb.sh build/bench/player/bench_PlayerSync
 //
 // 1. Plays 0.6 s .. 3.9 s of a 25 fps input beside a preview set (1.0-2.0 s at
-//    slow motion 1, 2.5-3.0 s at slow motion 2) and prints the offset between
+//    slow motion 1, 2.52-3.0 s at slow motion 2) and prints the offset between
 //    the panes on the input's axis in frames, away from and around each
-//    preview boundary: from mpv's reported positions, and from photographs of
+//    preview boundary: from mpv's reported positions (each pane's last report
+//    carried to the instant of the other's), and from photographs of
 //    the window (each input frame is a grey level that names its number).
 // 2. The time from the last of a burst of ten seeks until both panes show the
 //    target, beside the same burst sent to two bare mpv panes holding the
 //    panes' files, as a ratio (median of 20 bursts).
+#include "PaneOffsets.h"
 #include "PlayerMedia.h"
 
 #include "playback/MPVObject.h"
 #include "playback/VideoPlayer.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QGuiApplication>
 #include <QProcess>
 #include <QQmlComponent>
@@ -28,7 +31,6 @@
 #include <QScreen>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QThread>
 
 #include <algorithm>
 #include <cmath>
@@ -92,15 +94,21 @@ struct Bench
     MPVObject *bareLeft = nullptr;
     MPVObject *bareRight = nullptr;
 
-    double onInputAxis(MPVObject *pane) const
+    std::unique_ptr<playermedia::PaneOffsets> offsets;
+
+    playermedia::PaneOffsets::OnInput onInputAxis(const QString &file, double ms) const
     {
-        const double ms = pane->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0;
-        const QString file = QString::fromStdString(pane->getCurrentPlayingVideoPath());
         if (file == previewA)
-            return 1000.0 + ms;
+            return {1000.0 + ms, 1};
         if (file == previewB)
-            return 2500.0 + ms / 2.0;
-        return ms;
+            return {2520.0 + ms / 2.0, 2};
+        return {ms, 1};
+    }
+
+    static bool nearBoundary(double ms)
+    {
+        static const double boundaries[] = {1000, 2001, 2520, 3001};
+        return std::any_of(std::begin(boundaries), std::end(boundaries), [&](double b) { return std::abs(ms - b) < 80; });
     }
 
     void play(const char *title)
@@ -108,26 +116,17 @@ struct Bench
         player->seek(600);
         (void)QTest::qWaitFor([&] { return player->isIdle(); }, 10000);
         QTest::qWait(300);
-        const double boundaries[] = {1000, 2001, 2500, 3001};
-        const auto nearBoundary = [&](double ms) {
-            return std::any_of(std::begin(boundaries), std::end(boundaries),
-                               [&](double b) { return std::abs(ms - b) < 80; });
-        };
-        std::vector<double> steady, boundary, photoSteady, photoBoundary;
+        std::vector<double> steady, boundary, photoSteady, photoBoundary, photoSlow;
         double photoLead = 0;  // right minus left, summed over steady photographs
+        offsets->samples.clear();
+        offsets->setTaking(true);
         player->play();
         QElapsedTimer guard;
         guard.start();
         int tick = 0;
         while (player->getInputTimestamp() < 3850 && guard.elapsed() < 20000) {
             QTest::qWait(7);
-            if (!player->getIsPlaying())
-                continue;
-            const double l = onInputAxis(left);
-            const double r = onInputAxis(right);
-            const bool near = nearBoundary(l) || nearBoundary(r);
-            (near ? boundary : steady).push_back(std::abs(l - r) / 40.0);
-            if (++tick % 3 != 0)
+            if (!player->getIsPlaying() || ++tick % 3 != 0)
                 continue;
             // Two software-GL windows flip on their own: a photograph is the
             // user's view, a position report is not.
@@ -137,17 +136,34 @@ struct Bench
             const bool nearInPicture = nearBoundary(shownLeft * 40) || nearBoundary(shownRight * 40);
             const double lead = std::round(shownRight) - std::round(shownLeft);
             (nearInPicture ? photoBoundary : photoSteady).push_back(std::abs(lead));
+            if (!nearInPicture && shownLeft * 40 > 2520 && shownLeft * 40 < 3000)
+                photoSlow.push_back(std::abs(lead));
             if (!nearInPicture)
                 photoLead += lead;
         }
+        offsets->setTaking(false);
         player->pause();
         (void)QTest::qWaitFor([&] { return player->isIdle() && !player->getIsPlaying(); }, 5000);
+        double mpvLead = 0;  // right minus left, summed over steady samples
+        for (const auto &sample : offsets->samples) {
+            const bool near = nearBoundary(sample.inputMs) || nearBoundary(sample.inputMs - sample.rightMinusLeft)
+                              || nearBoundary(sample.inputMs + sample.rightMinusLeft);
+            (near ? boundary : steady).push_back(std::abs(sample.rightMinusLeft) / 40.0);
+            if (!near)
+                mpvLead += sample.rightMinusLeft / 40.0;
+        }
 
-        std::printf("%s: offset between the panes on the input's axis while playing (frames)\n", title);
+        QFile loadavg(QStringLiteral("/proc/loadavg"));
+        const QByteArray loadText = loadavg.open(QIODevice::ReadOnly) ? loadavg.readLine().trimmed() : QByteArray();
+        std::printf("%s (load %s): offset between the panes on the input's axis while playing (frames)\n", title,
+                    loadText.constData());
         printRow("mpv positions, steady", steady);
+        std::printf("  %-34s %+5.2f frames (right minus left)\n", "mpv positions, steady, mean",
+                    steady.empty() ? 0.0 : mpvLead / static_cast<double>(steady.size()));
         printRow("mpv positions, within 2 frames of a cut", boundary);
         printRow("photographs, steady", photoSteady);
         printRow("photographs, within 2 frames of a cut", photoBoundary);
+        printRow("photographs, slowed preview, steady", photoSlow);
         std::printf("  %-34s %+5.2f frames (right minus left)\n", "photographs, steady, mean",
                     photoSteady.empty() ? 0.0 : photoLead / static_cast<double>(photoSteady.size()));
     }
@@ -165,7 +181,7 @@ struct Bench
         for (int round = 0; round < 20; ++round) {
             // The last target lies in the slowed preview, on a frame's start.
             const qint64 target = 2600 + 40 * (round % 8);
-            const double rightFile = (target - 2500) * 2.0;
+            const double rightFile = (target - 2520) * 2.0;
             QElapsedTimer timer;
             for (int i = 9; i >= 0; --i)
                 player->seek(target - 100 * i);
@@ -176,7 +192,7 @@ struct Bench
 
             for (int i = 9; i >= 0; --i) {
                 bareLeft->seek(target - 100 * i);
-                bareRight->seek(static_cast<qint64>(std::max(0.0, (target - 100 * i - 2500) * 2.0)));
+                bareRight->seek(static_cast<qint64>(std::max(0.0, (target - 100 * i - 2520) * 2.0)));
             }
             timer.restart();
             const bool bareOk = QTest::qWaitFor([&] { return settled(bareLeft, target) && settled(bareRight, rightFile); },
@@ -211,7 +227,7 @@ int main(int argc, char **argv)
     bench.previewA = dir.filePath(QStringLiteral("a.mp4"));
     bench.previewB = dir.filePath(QStringLiteral("b.mp4"));
     if (!playermedia::makeInput(bench.input) || !playermedia::makePreview(bench.input, bench.previewA, 1000, 1000, 1)
-        || !playermedia::makePreview(bench.input, bench.previewB, 2500, 500, 2)) {
+        || !playermedia::makePreview(bench.input, bench.previewB, 2520, 480, 2)) {
         std::fprintf(stderr, "ffmpeg could not make the media\n");
         return 1;
     }
@@ -231,25 +247,20 @@ int main(int argc, char **argv)
     bench.right = item("right");
     bench.bareLeft = item("bareLeft");
     bench.bareRight = item("bareRight");
+    bench.offsets = std::make_unique<playermedia::PaneOffsets>(
+        bench.left, bench.right, [&bench](const QString &file, double ms) { return bench.onInputAxis(file, ms); });
     (void)QTest::qWaitFor([&] { return bench.left->surface() && bench.right->surface() && bench.bareRight->surface(); }, 10000);
 
     bench.player->addInput(1, 0, bench.input, 4000, 25.0, 1.0, true, {{QStringLiteral("duration"), 4000}});
     bench.player->addPreview(5, 2, 1, 1, bench.previewA, 1000, 1000, 25.0, 1.0, 1.0, {});
-    bench.player->addPreview(5, 3, 1, 1, bench.previewB, 2500, 500, 25.0, 2.0, 1.0, {});
+    bench.player->addPreview(5, 3, 1, 1, bench.previewB, 2520, 480, 25.0, 2.0, 1.0, {});
     bench.player->setPreviewSet(1, 5);
 
     bench.play("idle");
     bench.bursts("idle");
 
-    // An encode on every core, as a render beside the preview would be.
     QProcess load;
-    load.start(QStringLiteral("ffmpeg"),
-               {QStringLiteral("-v"), QStringLiteral("quiet"), QStringLiteral("-f"), QStringLiteral("lavfi"),
-                QStringLiteral("-i"), QStringLiteral("testsrc2=s=1920x1080:r=30"), QStringLiteral("-t"),
-                QStringLiteral("600"), QStringLiteral("-threads"), QString::number(QThread::idealThreadCount()),
-                QStringLiteral("-c:v"), QStringLiteral("libx264"), QStringLiteral("-preset"), QStringLiteral("medium"),
-                QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")});
-    if (!load.waitForStarted()) {
+    if (!playermedia::startBackgroundEncode(load)) {
         std::fprintf(stderr, "could not start the background encode\n");
         return 1;
     }

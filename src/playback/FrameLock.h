@@ -34,14 +34,17 @@ public:
     struct Settings
     {
         double deadbandMs = 2.0;
-        double maxTrim = 0.05;      // at most 5 % off the pane's speed
-        double horizonMs = 300.0;   // a gap is closed over about this long
+        // Two cores unpaused together at a cut start up to a frame apart, and
+        // a cut comes every half second or so: the gap must close within a
+        // few hundred milliseconds, which 5 % could not do for a whole frame.
+        double maxTrim = 0.08;      // at most 8 % off the pane's speed
+        double horizonMs = 200.0;   // a gap is closed over about this long
         double reseekFrames = 2.0;
         double seekLeadMs = 40.0;   // a first guess at how long a re-seek takes; learnt
                                     // from what each re-seek misses by
-        double windowMs = 400.0;
-        int minSamples = 5;
-        int warmUpReports = 2;
+        double windowMs = 300.0;
+        int minSamples = 3;
+        int warmUpReports = 1;
         double reseekCooldownMs = 300.0;
     };
 

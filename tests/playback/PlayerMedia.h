@@ -36,13 +36,21 @@ inline bool makeInput(const QString &path)
 
 // The stretch [startMs, startMs + durationMs) of the input, tinted, at `slowmotion`
 // and `fps` (50 repeats each input frame, as an interpolating render would add one).
+// `startMs` is where an input frame starts: a render begins with the frame shown
+// at its start, while "-ss" inside a frame begins with the next one, and the
+// preview would then show each frame half a frame early on the timeline.
 inline bool makePreview(const QString &input, const QString &path, int startMs, int durationMs, int slowmotion,
                         int fps = 25)
 {
-    const QString filter = QStringLiteral("geq=lum='lum(X,Y)':cb=96:cr=160,setpts=%1*PTS").arg(slowmotion);
+    // The rate is changed by the filter, which puts each frame in the slot its
+    // time stamp names. The output option "-r" may move a whole run of frames
+    // one slot early, and a slowed preview then shows each input frame half a
+    // frame before its time.
+    const QString filter
+        = QStringLiteral("geq=lum='lum(X,Y)':cb=96:cr=160,setpts=%1*PTS,fps=%2").arg(slowmotion).arg(fps);
     return ffmpeg({QStringLiteral("-ss"), QString::number(startMs / 1000.0, 'f', 3), QStringLiteral("-t"),
                    QString::number(durationMs / 1000.0, 'f', 3), QStringLiteral("-i"), input, QStringLiteral("-vf"),
-                   filter, QStringLiteral("-r"), QString::number(fps), QStringLiteral("-c:v"), QStringLiteral("libx264"),
+                   filter, QStringLiteral("-c:v"), QStringLiteral("libx264"),
                    QStringLiteral("-qp"), QStringLiteral("0"), QStringLiteral("-g"), QStringLiteral("1"),
                    QStringLiteral("-pix_fmt"), QStringLiteral("yuv420p"), path});
 }

@@ -82,13 +82,16 @@ private slots:
         QTest::addColumn<double>("jitter");
         QTest::addColumn<double>("seekMs");
         QTest::addColumn<bool>("reseeks");
-        QTest::newRow("in step: left alone") << 0.5 << 1.0 << 3.0 << 30.0 << false;
-        QTest::newRow("a third of a frame behind: trimmed") << -13.0 << 1.0 << 3.0 << 30.0 << false;
-        QTest::newRow("a frame and a half ahead: trimmed") << 60.0 << 1.0 << 3.0 << 30.0 << false;
-        QTest::newRow("slow motion, half a frame ahead") << 10.0 << 0.5 << 3.0 << 30.0 << false;
-        QTest::newRow("lost seek: fifteen frames behind") << -600.0 << 1.0 << 3.0 << 30.0 << true;
-        QTest::newRow("stray seek ahead, slow seeks") << 320.0 << 1.0 << 6.0 << 120.0 << true;
-        QTest::newRow("busy machine: wide scatter") << -20.0 << 1.0 << 9.0 << 60.0 << false;
+        QTest::addColumn<double>("seconds");
+        QTest::newRow("in step: left alone") << 0.5 << 1.0 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("a third of a frame behind: trimmed") << -13.0 << 1.0 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("slow motion, a quarter frame ahead: trimmed") << 8.0 << 0.5 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("busy machine, wide scatter: trimmed") << -15.0 << 1.0 << 9.0 << 60.0 << false << 4.0;
+        // Cuts come every half second or so: the start-up gap must not outlive one.
+        QTest::newRow("a frame behind after a cut: closed in time") << -36.0 << 1.0 << 3.0 << 30.0 << false << 0.8;
+        QTest::newRow("a frame and a half ahead: trimmed") << 60.0 << 1.0 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("lost seek: fifteen frames behind") << -600.0 << 1.0 << 3.0 << 30.0 << true << 4.0;
+        QTest::newRow("stray seek ahead, slow seeks") << 320.0 << 1.0 << 6.0 << 120.0 << true << 4.0;
     }
 
     void closesTheGapWithoutOvershooting()
@@ -98,8 +101,9 @@ private slots:
         QFETCH(double, jitter);
         QFETCH(double, seekMs);
         QFETCH(bool, reseeks);
+        QFETCH(double, seconds);
         for (unsigned seed : {1u, 2u, 3u}) {
-            const Outcome outcome = simulate(offset, rate, jitter, seekMs, 4.0, seed);
+            const Outcome outcome = simulate(offset, rate, jitter, seekMs, seconds, seed);
             const QString what = QStringLiteral("seed %1: offset %2 ms after %3 trims, %4 re-seeks")
                                      .arg(seed)
                                      .arg(outcome.finalOffset)
@@ -108,7 +112,7 @@ private slots:
             QVERIFY2(std::abs(outcome.finalOffset) <= 4.0, qPrintable(what));
             QVERIFY2((outcome.reseeks > 0) == reseeks, qPrintable(what));
             // Trims stay small enough to go unheard and unseen.
-            QVERIFY2(outcome.slowestTrim >= 0.95 && outcome.fastestTrim <= 1.05, qPrintable(what));
+            QVERIFY2(outcome.slowestTrim >= 0.92 && outcome.fastestTrim <= 1.08, qPrintable(what));
             if (std::abs(offset) <= 2.0)
                 QCOMPARE(outcome.trims, 0);
         }
@@ -118,16 +122,16 @@ private slots:
     {
         FrameLock lock;
         // The follower far ahead, but too few steady reports to say so: the
-        // first two after a start are passed over, then five are needed.
-        for (int i = 0; i < 6; ++i) {
+        // first after a start is passed over, then three are needed.
+        for (int i = 0; i < 3; ++i) {
             QCOMPARE(lock.report(0, 40.0 * i, 1000.0 + 40 * i, 1.0, 40.0).kind, FrameLock::Action::None);
             QCOMPARE(lock.report(1, 400 + 40.0 * i, 1000.0 + 40 * i, 1.0, 40.0).kind, FrameLock::Action::None);
         }
-        lock.report(0, 240.0, 1240.0, 1.0, 40.0);
-        const auto action = lock.report(1, 640.0, 1240.0, 1.0, 40.0);
+        lock.report(0, 120.0, 1120.0, 1.0, 40.0);
+        const auto action = lock.report(1, 520.0, 1120.0, 1.0, 40.0);
         QCOMPARE(action.kind, FrameLock::Action::Reseek);
         // Where the leader will be once the seek is done.
-        QVERIFY(action.targetInputMs > 240.0 && action.targetInputMs < 340.0);
+        QVERIFY(action.targetInputMs > 120.0 && action.targetInputMs < 220.0);
         lock.reset();
         QCOMPARE(lock.offsetAt(1300.0), 0.0);
         // Bad input is ignored, not divided by.

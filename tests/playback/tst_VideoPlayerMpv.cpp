@@ -2,14 +2,15 @@
 // Xvfb, an input whose frames show their own number as a grey level, and a
 // preview set rendered from it (one stretch tinted, one at slow motion 2).
 // Both panes must follow one clock across the preview boundaries.
+#include "PaneOffsets.h"
 #include "PlayerMedia.h"
 
 #include "playback/MPVObject.h"
 #include "playback/VideoPlayer.h"
 
-#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QPointer>
+#include <QProcess>
 #include <QQmlComponent>
 #include <QQmlEngine>
 #include <QQuickWindow>
@@ -39,11 +40,14 @@ Window {
     function openAll(input, previewA, previewB) {
         player.addInput(1, 0, input, 4000, 25.0, 1.0, true, { duration: 4000, fps: 25.0 })
         player.addPreview(5, 2, 1, 1, previewA, 1000, 1000, 25.0, 1.0, 1.0, {})
-        player.addPreview(5, 3, 1, 1, previewB, 2500, 500, 25.0, 2.0, 1.0, {})
+        player.addPreview(5, 3, 1, 1, previewB, 2520, 480, 25.0, 2.0, 1.0, {})
         player.setPreviewSet(1, 5)
     }
 }
 )";
+
+// Where the preview set cuts the input, on its axis.
+const double kCuts[] = {1000, 2001, 2520, 3001};
 
 } // namespace
 
@@ -123,7 +127,7 @@ private slots:
         previewB = dir.filePath(QStringLiteral("slow.mp4"));
         QVERIFY(playermedia::makeInput(input));
         QVERIFY(playermedia::makePreview(input, previewA, 1000, 1000, 1));
-        QVERIFY(playermedia::makePreview(input, previewB, 2500, 500, 2));
+        QVERIFY(playermedia::makePreview(input, previewB, 2520, 480, 2));
     }
 
     // A front end restoring a saved position asks for it right after opening,
@@ -276,49 +280,116 @@ private slots:
         QVERIFY2(samples >= 10, qPrintable(QString::number(samples)));
     }
 
-    void panesStayOnOneClockAcrossPreviewBoundaries()
+    // Both panes on one frame through the tinted preview, back on the input and
+    // through the slowed one, also with every core busy (the application
+    // renders on the machine it previews on). Two software-GL windows flip on
+    // their own, so the photographs allow a frame at the cuts.
+    void panesStayOnOneFrameAcrossPreviews_data()
     {
+        QTest::addColumn<bool>("busy");
+        QTest::addColumn<int>("onOneFrame");  // per cent of photographs away from a cut
+        QTest::addColumn<double>("mostMs");   // widest steady gap from mpv's reports
+        QTest::newRow("idle") << false << 90 << 80.0;
+        // The machine the suite runs on is shared beyond the encode: a little
+        // slack, and a stalled decoder may stray a frame further before it is pulled back.
+        QTest::newRow("beside an encode") << true << 85 << 120.0;
+    }
+
+    void panesStayOnOneFrameAcrossPreviews()
+    {
+        QFETCH(bool, busy);
+        QFETCH(int, onOneFrame);
+        QFETCH(double, mostMs);
         const auto scene = makeScene();
         QVERIFY(scene);
         VideoPlayer *player = scene->player;
-        QElapsedTimer sinceLoad;
-        sinceLoad.start();
-        for (MPVObject *pane : {scene->left, scene->right})
-            connect(pane, &MPVObject::fileLoaded, this, [&] { sinceLoad.restart(); });
-        // Where a pane stands on the input's axis, by the file it plays.
-        const auto onInput = [&](MPVObject *pane) {
-            const QString file = QString::fromStdString(pane->getCurrentPlayingVideoPath());
-            const double pos = pane->getPropertyDouble(QStringLiteral("time-pos/full")) * 1000.0;
-            return file == previewA ? 1000 + pos : file == previewB ? 2500 + pos / 2 : pos;
+        playermedia::PaneOffsets offsets(scene->left, scene->right, [&](const QString &file, double ms) {
+            return file == previewA ? playermedia::PaneOffsets::OnInput{1000 + ms, 1}
+                 : file == previewB ? playermedia::PaneOffsets::OnInput{2520 + ms / 2, 2}
+                                    : playermedia::PaneOffsets::OnInput{ms, 1};
+        });
+        const auto nearCut = [](double ms) {
+            return std::any_of(std::begin(kCuts), std::end(kCuts), [&](double cut) { return std::abs(ms - cut) <= 80; });
         };
+        QProcess encode;
+        if (busy)
+            QVERIFY(playermedia::startBackgroundEncode(encode));
         openAll(*scene);
         QTRY_VERIFY_WITH_TIMEOUT(player->isIdle() && player->getIsOpen(), 30000);
         QCOMPARE(player->getPreviewRanges(5).size(), 2u);
-        player->seek(600);
-        QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
-        player->play();
-        // Through the tinted preview, back to the input, through the slowed one;
-        // just after a load a pane may still report the file before it.
-        std::vector<double> gaps;
-        const auto sample = [&] {
-            if (player->getIsPlaying() && sinceLoad.elapsed() > 300)
-                gaps.push_back(std::abs(onInput(scene->left) - onInput(scene->right)));
-            return player->getInputTimestamp() >= 3300;
+        // One pass from 600 ms across both previews; the text says what missed.
+        const auto playAcross = [&]() -> QString {
+            player->pause();
+            player->seek(600);
+            if (!QTest::qWaitFor([&] { return player->isIdle() && !player->getIsPlaying(); }, 30000))
+                return QStringLiteral("no rest before playing");
+            const QString missed = scene->waitForBothOn(600 / 40);
+            if (!missed.isEmpty())
+                return missed;
+            offsets.samples.clear();
+            offsets.setTaking(true);
+            player->play();
+            int photos = 0;
+            int photosApart = 0;
+            QStringList twoApart;
+            int tick = 0;
+            const auto photograph = [&] {
+                // A grab every few polls: each one holds the X server, and with it both panes' flips.
+                if (player->getIsPlaying() && ++tick % 3 == 0) {
+                    const QImage grab = scene->window->screen()->grabWindow(scene->window->winId()).toImage();
+                    const double left = std::round(playermedia::frameShown(grab, QRect(40, 40, 240, 160)));
+                    const double right = std::round(playermedia::frameShown(grab, QRect(360, 40, 240, 160)));
+                    if (std::abs(left - right) > 1)
+                        twoApart.append(QStringLiteral("%1 beside %2").arg(left).arg(right));
+                    if (!nearCut(left * 40)) {
+                        ++photos;
+                        photosApart += left != right;
+                    }
+                }
+                return player->getInputTimestamp() >= 3300;
+            };
+            const bool crossed = QTest::qWaitFor(photograph, 40000);
+            offsets.setTaking(false);
+            if (!crossed || !player->getIsPlaying())
+                return QStringLiteral("playback stopped short of 3300 ms");
+            // From mpv's reports, away from a cut: mostly on one instant, and never
+            // lost. Two cores unpaused together at a cut start up to a frame apart,
+            // which the lock's trims take a few hundred milliseconds to close.
+            std::vector<double> steady;
+            for (const auto &sample : offsets.samples) {
+                if (!nearCut(sample.inputMs) && !nearCut(sample.inputMs - sample.rightMinusLeft))
+                    steady.push_back(std::abs(sample.rightMinusLeft));
+            }
+            if (steady.size() <= 50)
+                return QStringLiteral("only %1 position samples").arg(steady.size());
+            std::sort(steady.begin(), steady.end());
+            if (steady[steady.size() / 2] > 5 || steady.back() > mostMs)
+                return QStringLiteral("median %1 ms, most %2 ms").arg(steady[steady.size() / 2]).arg(steady.back());
+            // Photographs: never two frames apart, and mostly on one frame away from a cut.
+            if (!twoApart.isEmpty())
+                return twoApart.join(QStringLiteral(", "));
+            if (photos <= 20 || (photos - photosApart) * 100 < onOneFrame * photos)
+                return QStringLiteral("%1 of %2 apart").arg(photosApart).arg(photos);
+            return {};
         };
-        QVERIFY(QTest::qWaitFor(sample, 40000));
-        QVERIFY(player->getIsPlaying());
-        QVERIFY2(gaps.size() > 20, qPrintable(QString::number(gaps.size())));
-        std::sort(gaps.begin(), gaps.end());
-        const double median = gaps[gaps.size() / 2];
-        QVERIFY2(median <= 80, qPrintable(QStringLiteral("median gap %1 ms").arg(median)));
+        // Two software-GL windows flip on their own and the machine is shared:
+        // one pass may catch a stray flip, a lock that fails does so twice.
+        QString failure = playAcross();
+        if (!failure.isEmpty()) {
+            qInfo("Retaking the pass after: %s", qPrintable(failure));
+            failure = playAcross();
+        }
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        encode.kill();
+        encode.waitForFinished();
 
         // Paused, both panes come to rest on one input frame.
         player->pause();
         QTRY_VERIFY_WITH_TIMEOUT(!player->getIsPlaying() && player->isIdle(), 30000);
         player->seek(1480);
         QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
-        const QString missed = scene->waitForBothOn(1480 / 40);
-        QVERIFY2(missed.isEmpty(), qPrintable(missed));
+        const QString rested = scene->waitForBothOn(1480 / 40);
+        QVERIFY2(rested.isEmpty(), qPrintable(rested));
     }
 };
 
