@@ -12,6 +12,8 @@
 #include "playback/SmartFrameFetcher.h"
 #include "videoio/FFReader.h"
 
+#include "BenchStats.h"
+
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QProcess>
@@ -35,12 +37,7 @@ struct Spread
 {
     std::vector<double> values;
     void add(double value) { values.push_back(value); }
-    double median() const
-    {
-        std::vector<double> sorted = values;
-        std::sort(sorted.begin(), sorted.end());
-        return sorted.empty() ? 0.0 : sorted[sorted.size() / 2];
-    }
+    double median() const { return benchstats::median(values); }
     QString text(int decimals = 1) const
     {
         const auto [low, high] = std::minmax_element(values.begin(), values.end());

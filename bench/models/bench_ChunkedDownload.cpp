@@ -12,6 +12,8 @@
 
 #include "../../tests/cloud/CloudStandIn.h"
 
+#include "BenchStats.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -27,6 +29,8 @@
 #include <fstream>
 #include <functional>
 #include <vector>
+
+using benchstats::median;
 
 namespace {
 
@@ -79,16 +83,9 @@ bool ours(const QVariantMap &params)
     return finished;
 }
 
-QString spread(std::vector<double> values)
+QString spread(const std::vector<double> &values)
 {
-    std::sort(values.begin(), values.end());
-    return QString::asprintf("%7.1f (%.1f-%.1f)", values[values.size() / 2], values.front(), values.back());
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
+    return QString::asprintf("%7.1f (%.1f-%.1f)", median(values), benchstats::best(values), benchstats::worst(values));
 }
 
 } // namespace

@@ -13,6 +13,8 @@
 #include "playback/VPReqQueue.h"
 #include "plugin/Configuration.h"
 
+#include "BenchStats.h"
+
 #include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QProcess>
@@ -36,13 +38,8 @@ struct Figures
 {
     double loadMs = 0;
     std::vector<double> seekMs;
-    double median() const
-    {
-        std::vector<double> sorted = seekMs;
-        std::sort(sorted.begin(), sorted.end());
-        return sorted.empty() ? 0 : sorted[sorted.size() / 2];
-    }
-    double worst() const { return seekMs.empty() ? 0 : *std::max_element(seekMs.begin(), seekMs.end()); }
+    double median() const { return benchstats::median(seekMs); }
+    double worst() const { return benchstats::worst(seekMs); }
 };
 
 bool waitFor(const std::function<bool()> &condition, int timeoutMs = 20000)

@@ -21,6 +21,8 @@
 #include "playback/MPVObject.h"
 #include "playback/VideoPlayer.h"
 
+#include "BenchStats.h"
+
 #include <QElapsedTimer>
 #include <QFile>
 #include <QGuiApplication>
@@ -39,6 +41,8 @@
 #include <vector>
 
 using videoplayer::VideoPlayer;
+
+using benchstats::percentile;
 
 namespace {
 
@@ -60,14 +64,6 @@ Window {
     VideoPlayer { id: player; m_mpvs: [left, right] }
 }
 )";
-
-double percentile(std::vector<double> values, double p)
-{
-    if (values.empty())
-        return -1;
-    std::sort(values.begin(), values.end());
-    return values[std::min(values.size() - 1, static_cast<size_t>(p * values.size()))];
-}
 
 double share(const std::vector<double> &values, double atMost)
 {

@@ -12,6 +12,8 @@
 
 #include "telemetry/TUpdateChecker.h"
 
+#include "BenchStats.h"
+
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
@@ -23,6 +25,8 @@
 
 #include <algorithm>
 #include <cstdio>
+
+using benchstats::median;
 
 namespace {
 
@@ -43,12 +47,6 @@ void resetPeakMemory()
     QFile clear(QStringLiteral("/proc/self/clear_refs"));
     if (clear.open(QIODevice::WriteOnly))
         clear.write("5");
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 } // namespace
