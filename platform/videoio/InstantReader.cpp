@@ -383,6 +383,7 @@ InstantReader::RenderResult InstantReader::render(qlonglong startMs, qlonglong e
     emit setSeekingStatus(m_viewID, false, false);
     if (!reached || (endMs >= 0 && m_source->position() > endMs)) {
         result.error = QStringLiteral("no picture between %1 and %2 ms").arg(startMs).arg(endMs);
+        qCWarning(lcInstantReader).noquote() << "Render of view" << m_viewID << "of" << getFile() << ":" << result.error;
         return result;
     }
 
@@ -397,6 +398,8 @@ InstantReader::RenderResult InstantReader::render(qlonglong startMs, qlonglong e
         ff::FramePtr picture = m_source->decodedFrame();
         lastStart = picture ? picture->pts : 0;
         if (!picture || !run.feed(std::move(picture)) || !run.cutFullChunks()) {
+            if (run.stopped())
+                break;
             result.error = QStringLiteral("filtering failed at %1 ms").arg(m_source->position());
             break;
         }
@@ -407,7 +410,8 @@ InstantReader::RenderResult InstantReader::render(qlonglong startMs, qlonglong e
     if (result.error.isEmpty() && !result.stopped) {
         if (result.pictures == 1)
             result.error = QStringLiteral("a window of one picture makes no preview");
-        else if (!run.feed(nullptr) || !run.cutRest(lastStart + std::llround(m_source->frameDurationMs())))
+        else if ((!run.feed(nullptr) || !run.cutRest(lastStart + std::llround(m_source->frameDurationMs())))
+                 && !run.stopped())
             result.error = QStringLiteral("flushing the filter failed");
     }
     result.chunks = run.chunks();
