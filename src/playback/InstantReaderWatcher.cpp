@@ -166,6 +166,7 @@ std::vector<std::shared_ptr<videoio::InstantReader>> InstantReaderWatcher::watch
 void InstantReaderWatcher::fail(int viewID, const QString &message)
 {
     log(QStringLiteral("render of view %1 failed: %2").arg(viewID).arg(message), ConsoleLogger::Warn);
+    qCWarning(lcWatcher).noquote() << "Live render of view" << viewID << "failed:" << message;
     emit renderFailed(viewID, message);
     emit updateFilterInitStatus(viewID, false, false);
 }
@@ -212,8 +213,8 @@ bool InstantReaderWatcher::startRender(int viewID, QString path, qlonglong start
         const std::lock_guard lock(v.listMutex);
         std::erase_if(v.watchList, [&reader](const auto &r) { return r != reader; });
     }
-    for (const auto &other : others)
-        enqueueCloseRequest(other, viewID);
+    for (auto &other : others)
+        enqueueCloseRequest(std::move(other), viewID);
 
     const qlonglong duration = reader->getInfo().value(QStringLiteral("duration")).toLongLong();
     if (startTS >= duration)
@@ -450,8 +451,9 @@ void InstantReaderWatcher::clearWatchListatViewID(int viewID)
         const std::lock_guard lock(v->listMutex);
         readers.swap(v->watchList);
     }
-    for (const auto &reader : readers)
-        enqueueCloseRequest(reader, viewID);
+    // Handed over, not copied: the last reference must go on the close thread.
+    for (auto &reader : readers)
+        enqueueCloseRequest(std::move(reader), viewID);
     m_processInfo[viewID] = QVariantMap{};
 }
 
