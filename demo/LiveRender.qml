@@ -112,10 +112,10 @@ Item {
                 kept.push(laid[i])
         }
         const uid = nextUid++
-        player.addPreview(previewSet, uid, viewID, inputUid, filename, range.x, range.y - range.x, fps,
-                          processInfo.slowMoFactor > 0 ? processInfo.slowMoFactor : 1, sar,
-                          {isLiveRender: true}, false, true)
-        kept.push({uid: uid, start: range.x, end: range.y, file: filename, chain: chain})
+        const slowMotion = processInfo.slowMoFactor > 0 ? processInfo.slowMoFactor : 1
+        player.addPreview(previewSet, uid, viewID, inputUid, filename, range.x, range.y - range.x, fps, slowMotion,
+                          sar, {isLiveRender: true}, false, true)
+        kept.push({uid: uid, start: range.x, end: range.y, file: filename, chain: chain, slowMotion: slowMotion})
         laid = kept
         chunkLaid(range.x, range.y)
     }

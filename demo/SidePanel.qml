@@ -21,6 +21,7 @@ Rectangle {
     readonly property alias sequencePanel: sequencePanel
     property alias machine: machinePanel
     property alias cloud: cloudPanel
+    property alias live: livePanel
 
     color: "#23272d"
     implicitWidth: 300
@@ -96,6 +97,7 @@ Rectangle {
 
         MachinePanel { id: machinePanel; Layout.fillWidth: true }
         CloudPanel { id: cloudPanel; Layout.fillWidth: true }
+        LivePanel { id: livePanel; Layout.fillWidth: true }
 
         Text {
             text: "Previews"
