@@ -50,8 +50,9 @@ FilterGraphWorker::Graph FilterGraphWorker::build(const std::string &filterDescr
     result.graph.reset(avfilter_graph_alloc());
     if (!result.graph)
         return fail("no memory for a filter graph", AVERROR(ENOMEM));
-    // One thread per graph: a view renders on its reader's thread already.
-    result.graph->nb_threads = 1;
+    // Heavy filters (denoisers, deinterlacers) split a picture into slices:
+    // one render per view would otherwise use one core for them.
+    result.graph->nb_threads = 0;
 
     int r = avfilter_graph_create_filter(&result.source, avfilter_get_by_name("buffer"), "in",
                                          sourceArguments.c_str(), nullptr, result.graph.get());
