@@ -2,7 +2,6 @@ import QtQuick
 import QtQuick.Window
 import QtQuick.Controls
 import QtQuick.Layouts
-import kutils 1.0
 
 // Live render of the right pane (V): every filter change renders the window
 // at the playhead again through InstantReaderWatcher, the chunks appear on
@@ -12,8 +11,7 @@ ColumnLayout {
 
     // The demo's window: its input, filters and preview bookkeeping.
     readonly property var app: Window.window
-    // The demo's VideoPlayer, by its id in the window.
-    readonly property var videoPlayer: player
+    readonly property var videoPlayer: app ? app.videoPlayer : null
     readonly property bool on: render.enabled
     property int chunks: 0
     property string message: "Off"

@@ -52,6 +52,8 @@ ApplicationWindow {
     property var previewRanges: []
     property var pendingRender: null
     property string status: ""
+    // For the panels of the side panel that drive the player.
+    readonly property var videoPlayer: player
 
     readonly property var filters: [
         {name: "Warm tint", vf: "colorchannelmixer=rr=1:gg=0.55:bb=0.2"},
@@ -617,6 +619,7 @@ ApplicationWindow {
             case "flags": sidePanel.telemetry.readFlags(script.hooks()); break
             case "identity": sidePanel.telemetry.repairIdentity(script.hooks()); break
             case "update": sidePanel.telemetry.checkForUpdates(script.hooks()); break
+            case "models": sidePanel.models.start(script.hooks()); break
             case "live": sidePanel.live.setLive(arg !== "off", script.hooks()); break
             case "wait-live": sidePanel.live.waitLive(script.hooks()); break
             default: abort("unknown step \"" + step + "\"")

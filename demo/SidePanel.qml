@@ -21,6 +21,7 @@ Rectangle {
     readonly property alias sequencePanel: sequencePanel
     property alias machine: machinePanel
     property alias cloud: cloudPanel
+    property alias models: modelsPanel
     property alias live: livePanel
 
     color: "#23272d"
@@ -97,6 +98,7 @@ Rectangle {
 
         MachinePanel { id: machinePanel; Layout.fillWidth: true }
         CloudPanel { id: cloudPanel; Layout.fillWidth: true }
+        ModelsPanel { id: modelsPanel; Layout.fillWidth: true }
         LivePanel { id: livePanel; Layout.fillWidth: true }
 
         Text {

@@ -15,7 +15,7 @@ PACKAGES=(
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libavfilter-dev libswresample-dev
   ffmpeg fonts-dejavu-core libopencv-core-dev libopencv-imgproc-dev openimageio-tools
   xvfb xauth x11-utils libx11-dev libxcb1-dev libgl1-mesa-dri
-  openssl curl dbus
+  openssl curl aria2 dbus
 )
 
 missing=()

@@ -12,7 +12,14 @@ VideoManager &VideoManager::GetInstance()
 
 std::shared_ptr<Reader> VideoManager::GetReader(const QString &path)
 {
-    return GetInstance().sharedReader(path);
+    return GetInstance().sharedReader(path, false);
+}
+
+std::shared_ptr<Reader> VideoManager::GetPreviewReader(const QString &path, double slowMoFactor)
+{
+    std::shared_ptr<Reader> reader = GetInstance().sharedReader(path, true);
+    reader->updateInfo({{QStringLiteral("slowMoFactor"), slowMoFactor}});
+    return reader;
 }
 
 std::shared_ptr<Reader> VideoManager::GetNewReader(const QString &path)
@@ -20,21 +27,25 @@ std::shared_ptr<Reader> VideoManager::GetNewReader(const QString &path)
     return std::make_shared<FFReader>(path);
 }
 
-std::shared_ptr<Reader> VideoManager::sharedReader(const QString &path)
+std::shared_ptr<Reader> VideoManager::sharedReader(const QString &path, bool preview)
 {
+    // Any open reader serves a plain caller; a preview caller needs a preview reader.
+    const auto serves = [preview](const std::shared_ptr<Reader> &reader) {
+        return reader && reader->isOpen() && (!preview || reader->isPreviewReader());
+    };
     {
         const QMutexLocker lock(&m_mutex);
         const auto it = m_readers.find(path);
-        if (it != m_readers.end() && it->second && it->second->isOpen())
+        if (it != m_readers.end() && serves(it->second))
             return it->second;
     }
     // Opening is slow: it happens outside the lock, so that other files open
     // in parallel. Of two racing openers of one path, the first one stored wins
     // and both share it.
-    auto fresh = std::make_shared<FFReader>(path);
+    auto fresh = std::make_shared<FFReader>(path, preview);
     const QMutexLocker lock(&m_mutex);
     auto &entry = m_readers[path];
-    if (!entry || !entry->isOpen())
+    if (!serves(entry))
         entry = std::move(fresh);
     return entry;
 }

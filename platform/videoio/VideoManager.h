@@ -25,6 +25,11 @@ public:
     // A reader of its own for `path` that no other caller shares; it decodes the
     // file afresh, so a file rewritten on disk is seen as it is now.
     static std::shared_ptr<Reader> GetNewReader(const QString &path);
+    // The shared reader of a rendered preview: isPreviewReader() holds and its
+    // info map carries `slowMoFactor`, so that stretch ends fall on the input's
+    // axis. A plain reader of the table for that path gives way to it (its
+    // holders keep theirs); a preview reader takes the newest factor.
+    static std::shared_ptr<Reader> GetPreviewReader(const QString &path, double slowMoFactor);
 
     // Drops `path` from the table. With `closeReader` the reader's file is also
     // closed at once, even though others may still hold the reader: this is what
@@ -40,7 +45,7 @@ public:
 
 private:
     VideoManager() = default;
-    std::shared_ptr<Reader> sharedReader(const QString &path);
+    std::shared_ptr<Reader> sharedReader(const QString &path, bool preview);
 
     mutable QMutex m_mutex;
     std::map<QString, std::shared_ptr<Reader>> m_readers;

@@ -19,7 +19,8 @@
 class CloudStandIn
 {
 public:
-    explicit CloudStandIn(const QStringList &arguments = {})
+    // `extraConfig` adds keys to the client configuration (modelPassword, ...).
+    explicit CloudStandIn(const QStringList &arguments = {}, const QJsonObject &extraConfig = {})
     {
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_process.start(QStringLiteral(KUTILS_CLOUD_STANDIN), QStringList{"--dir", m_dir.path() + "/service"} + arguments);
@@ -30,12 +31,16 @@ public:
         ready = QJsonDocument::fromJson(m_process.readLine()).object();
         if (ready.isEmpty())
             return;
-        const QJsonObject config{{"videoApiProduction", ready["video"]}, {"videoApiStaging", ready["videoStaging"]},
+        QJsonObject config{{"videoApiProduction", ready["video"]}, {"videoApiStaging", ready["videoStaging"]},
                                  {"accountApiProduction", ready["account"]}, {"accountApiStaging", ready["accountStaging"]},
                                  {"cloudApiKeyProduction", ready["apiKeyProduction"]},
                                  {"cloudApiKeyStaging", ready["apiKeyStaging"]}, {"caBundle", ready["caBundle"]},
                                  // Only asked for its system proxy, never called.
                                  {"downloadHost", "https://127.0.0.1:9/"}};
+        if (ready.contains("files"))
+            config["modelHost"] = ready["files"];
+        for (auto it = extraConfig.begin(); it != extraConfig.end(); ++it)
+            config[it.key()] = it.value();
         QFile file(m_dir.path() + "/config.json");
         if (file.open(QIODevice::WriteOnly))
             file.write(QJsonDocument(config).toJson());

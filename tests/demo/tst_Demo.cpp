@@ -120,6 +120,7 @@ private slots:
     void serviceStepsReachTheLocalStandIn();
     void sequenceStepRoundTripsAnExrRangeWithOiiotool();
     void cloudStepLaysTheNegatedInputOverTheRightPane();
+    void modelsStepFetchesAndVerifiesThePreferredDevicesFiles();
     void liveRenderPutsTheFilterChangeIntoTheRightPane();
 
 private:
@@ -416,6 +417,47 @@ void tst_Demo::cloudStepLaysTheNegatedInputOverTheRightPane()
     QCOMPARE(frame, 2000 / frameMs);
     QCOMPARE(readPane(picture, rectFrom(described.value(QStringLiteral("leftPane")))).frame, frame);
     QCOMPARE(readPane(picture, rectFrom(described.value(QStringLiteral("rightPane")))).frame, frame ^ 0xff);
+}
+
+void tst_Demo::modelsStepFetchesAndVerifiesThePreferredDevicesFiles()
+{
+    // As run-demo.sh: a sample set for the example catalogue, served by the
+    // stand-in's model host, whose configuration names it and the password.
+    const QString media = work.filePath(QStringLiteral("media-models"));
+    const QString set = media + QStringLiteral("/model-host");
+    const QString config = media + QStringLiteral("/cloud-config.json");
+    const QString password = QStringLiteral("demo-test-password");
+    QProcess maker;
+    maker.start(QStringLiteral(KUTILS_MODEL_SET),
+                {QStringLiteral("--catalogue"), QStringLiteral(KUTILS_SOURCE_DIR "/demo/models/models.json"),
+                 QStringLiteral("--out"), set, QStringLiteral("--password"), password});
+    QVERIFY(maker.waitForFinished(60000) && maker.exitCode() == 0);
+    QProcess service;
+    service.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    service.setStandardOutputFile(media + QStringLiteral("/cloud-standin.json"));
+    service.start(QStringLiteral(KUTILS_CLOUD_STANDIN),
+                  {QStringLiteral("--dir"), media + QStringLiteral("/service"), QStringLiteral("--files"), set,
+                   QStringLiteral("--model-password"), password, QStringLiteral("--config-out"), config,
+                   QStringLiteral("--config-base"), qEnvironmentVariable("KUTILS_CONFIG_FILE")});
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(media + QStringLiteral("/cloud-standin.json")).size() > 0, 30000);
+    const QByteArray testConfig = qgetenv("KUTILS_CONFIG_FILE");
+    qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(config));
+    const DemoRun run = runDemo({QStringLiteral("--script"), QStringLiteral("models; quit"), clip}, media);
+    qputenv("KUTILS_CONFIG_FILE", testConfig);
+    service.closeWriteChannel();
+    QVERIFY(service.waitForFinished(10000));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.output));
+
+    const QDir models(work.filePath(QStringLiteral("home/machine-share/kutils/kutils-demo/models")));
+    const QStringList fetched = models.entryList({QStringLiteral("*.kz")}, QDir::Files);
+    QVERIFY(!fetched.isEmpty());
+    QVERIFY2(run.output.contains(QStringLiteral("Models: %1 of %1 files downloaded and verified").arg(fetched.size())),
+             qPrintable(run.output));
+    for (const QString &name : fetched) {
+        QFile got(models.filePath(name)), served(set + QLatin1Char('/') + name);
+        QVERIFY(got.open(QIODevice::ReadOnly) && served.open(QIODevice::ReadOnly));
+        QCOMPARE(got.readAll(), served.readAll());
+    }
 }
 
 // The live mode renders the window at the playhead with the negating filter:

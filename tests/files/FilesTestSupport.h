@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QMutex>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QStringList>
 #include <QTemporaryDir>
 
@@ -109,4 +110,12 @@ inline QByteArray readFileBytes(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Incompressible bytes, the same for the same seed.
+inline QByteArray randomBytes(int size, quint32 seed = 1)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    QRandomGenerator(seed).fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
+    return bytes;
 }

@@ -1,13 +1,19 @@
 #include "FilesTestSupport.h"
+#include "files/FrameRange.h"
 #include "files/ImgSeqConverter.h"
 #include "files/OiioStats.h"
 
+#include <QSet>
 #include <QSignalSpy>
 #include <QTest>
 
+#include <cmath>
+
 using namespace Qt::StringLiterals;
 
-// The converter with the real oiiotool beside the test, on sequences made here.
+// The converter with the real oiiotool beside the test, on sequences made here,
+// and its two helpers alone: the frame search against a counting existence
+// seam, and what it reads from oiiotool's printed statistics.
 class tst_ImgSeqConverter : public QObject
 {
     Q_OBJECT
@@ -257,6 +263,100 @@ private slots:
         QVERIFY(answered.wait(60000));
         QCOMPARE(answered.count(), 1);
         QCOMPARE(answered.first().first().toBool(), wide);
+    }
+
+    void findsTheSequenceAroundTheGivenFrame_data()
+    {
+        QTest::addColumn<QString>("onDisk");    // the pattern of the files that exist
+        QTest::addColumn<qint64>("lowest");
+        QTest::addColumn<qint64>("highest");
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<int>("first");
+        QTest::addColumn<int>("last");
+        QTest::addColumn<int>("maxTests");
+        const QString padded = QStringLiteral("/a/b/frame_%05d.exr");
+        QTest::newRow("12 to 20 from 12") << padded << 12LL << 20LL << "/a/b/frame_00012.exr" << 12 << 20 << 12;
+        QTest::newRow("3 to 20 from 12") << padded << 3LL << 20LL << "/a/b/frame_00012.exr" << 3 << 20 << 22;
+        QTest::newRow("unpadded 99") << "/s/shot_%d.png" << 99LL << 100LL << "/s/shot_99.png" << 99 << 100 << 6;
+        QTest::newRow("unpadded 100") << "/s/shot_%d.png" << 99LL << 100LL << "/s/shot_100.png" << 99 << 100 << 6;
+        QTest::newRow("missing start") << padded << 30LL << 40LL << "/a/b/frame_00012.exr" << 12 << 11 << 2;
+        QTest::newRow("digits in a folder") << "/take%d/shot.exr" << 5LL << 9LL << "/take7/shot.exr" << 5 << 9 << 8;
+        // The pattern's own "06" is taken for the frame number.
+        QTest::newRow("path holding %06d") << padded << 1LL << 5LL << "/a/b/frame_%06d.exr" << 6 << 5 << 2;
+        QTest::newRow("frames up to the largest int")
+            << padded << 2147483600LL << 2147483647LL << "/a/b/frame_2147483600.exr" << 2147483600 << 2147483647 << 16;
+        QTest::newRow("run longer than an int") << padded << 1LL << 3LL << "/a/b/frame_12345678901234.exr" << 0 << -1
+                                                << 0;
+        QTest::newRow("no digits") << padded << 1LL << 3LL << "/a/b/frame.exr" << 0 << -1 << 0;
+        const int logBound = int(2 * std::log2(100000.0) + 4);
+        QTest::newRow("100000 frames from the first")
+            << "/f/%06d.exr" << 1LL << 100000LL << "/f/000001.exr" << 1 << 100000 << logBound;
+    }
+
+    void findsTheSequenceAroundTheGivenFrame()
+    {
+        QFETCH(QString, onDisk);
+        QFETCH(qint64, lowest);
+        QFETCH(qint64, highest);
+        QFETCH(QString, path);
+        QFETCH(int, first);
+        QFETCH(int, last);
+        QFETCH(int, maxTests);
+        QSet<QString> files;
+        const FramePattern pattern = FramePattern::fromFormat(onDisk, lowest);
+        QVERIFY(pattern.valid);
+        for (qint64 frame = lowest; frame <= highest; ++frame)
+            files.insert(pattern.frameName(frame));
+        int tests = 0;
+        const FrameRange range = findFrameRange(path, [&](const QString &name) {
+            ++tests;
+            return files.contains(name);
+        });
+        QCOMPARE(range.first, first);
+        QCOMPARE(range.last, last);
+        QVERIFY2(tests <= maxTests, qPrintable(QString::number(tests) + " file tests"));
+    }
+
+    void readsFloatMaximaOnly_data()
+    {
+        QTest::addColumn<QString>("output");
+        QTest::addColumn<double>("sequenceMax");
+        QTest::addColumn<double>("firstWide");
+        QTest::addColumn<qint64>("nans");
+        QTest::newRow("several channels") << "    Stats Max: 0.5 1.25 3.5 (float)\n" << 3.5 << 1.25 << 0LL;
+        QTest::newRow("exactly one is not wide, Min ignored")
+            << "Stats Max: 1.000000 1.0 0.5 (float)\nStats Min: 2 2 2 (float)\n" << 1.0 << -1.0 << 0LL;
+        QTest::newRow("integer files are ignored") << "Stats Max: 255 128 3 (of 255)\n" << 1.0 << -1.0 << 0LL;
+        QTest::newRow("two images, nan counted")
+            << "Stats Max: 0.1 0.2 (float)\nStats NanCount: 3 0 \nStats Max: 7.5 0.2 (float)\nStats NanCount: 0 2 \n"
+            << 7.5 << 7.5 << 5LL;
+        QTest::newRow("unreadable part skipped") << "Stats Max: x 2.5 (float)\n" << 2.5 << 2.5 << 0LL;
+    }
+
+    void readsFloatMaximaOnly()
+    {
+        QFETCH(QString, output);
+        QFETCH(double, sequenceMax);
+        QFETCH(double, firstWide);
+        QFETCH(qint64, nans);
+        QCOMPARE(oiiostats::sequenceMax(output), sequenceMax);
+        QCOMPARE(oiiostats::firstWideValue(output), firstWide);
+        QCOMPARE(oiiostats::nonFiniteCount(output, QStringLiteral("Stats NanCount:")), nans);
+    }
+
+    void givesEachStatsBlockToTheFileReadBeforeIt()
+    {
+        const QString output = QStringLiteral("Reading a/f_01.exr\n   8 x 8, 5 channel, half openexr\n"
+                                              "    channel list: R, G, B, A, Z\n    channel list: R, G, B\n"
+                                              "    Stats Max: 0.5 2 0.1 (float)\n"
+                                              "Reading a/f_02.exr\n    Stats Max: 4 0.5 0.1 (float)\n");
+        const QList<oiiostats::FileBlock> blocks = oiiostats::splitByReadingLines(output);
+        QCOMPARE(blocks.size(), 2);
+        QCOMPARE(blocks.at(1).file, QStringLiteral("a/f_02.exr"));
+        QCOMPARE(oiiostats::sequenceMax(blocks.at(0).text), 2.0);
+        QCOMPARE(oiiostats::sequenceMax(blocks.at(1).text), 4.0);
+        // The image as read, before any channel selection.
+        QCOMPARE(oiiostats::channelList(blocks.at(0).text), QStringList({"R", "G", "B", "A", "Z"}));
     }
 };
 

@@ -1,390 +1,467 @@
 #include "FilesTestSupport.h"
+#include "../platform/VideoioMedia.h"
 
 #include "files/TFileManager.h"
 #include "os/CompanionApp.h"
 #include "plugin/Configuration.h"
+#include "videoio/Reader.h"
+#include "videoio/ThumbnailStore.h"
+#include "videoio/VideoManager.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSettings>
 #include <QtTest>
 
+#include <opencv2/core.hpp>
 #include <zip.h>
 
 #include <memory>
+#include <thread>
+
+namespace {
+
+struct ConcatResult
+{
+    double uid;
+    QString out;
+    bool ok;
+    int code;
+    int status;
+    int duration;
+};
+
+} // namespace
 
 class tst_TFileManager : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void cleanupTestCase();
+    void initTestCase()
+    {
+        m_home = std::make_unique<IsolatedHome>();
+        QVERIFY(m_dir.isValid());
+        const QString config = m_dir.filePath(QStringLiteral("config.json"));
+        QVERIFY(writeFile(config, R"({"archivePassword": "pack-secret"})"));
+        qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(config));
+        Configuration::reload();
+        m_video = m_dir.filePath(QStringLiteral("two-seconds.mp4"));
+        // MPEG-4 part 2 without B-frames, so a cut by frame count is exact.
+        QCOMPARE(videoio::testing::makeMedia(videoio::testing::patternInput(QStringLiteral("160x120"), 50, 25)
+                                                 + QStringList{QStringLiteral("-c:v"), QStringLiteral("mpeg4"),
+                                                               QStringLiteral("-g"), QStringLiteral("25")},
+                                             m_video),
+                 QString());
+    }
 
-    void makeFormatString_data();
-    void makeFormatString();
-    void getPaddedFrameNumber_data();
-    void getPaddedFrameNumber();
-    void pathsOfFilesAndFolders();
+    void cleanupTestCase()
+    {
+        qunsetenv("KUTILS_CONFIG_FILE");
+        Configuration::reload();
+    }
 
-    void defaultFoldersLieInTheMachineWideFolder();
-    void unsetDataFolderIsReplacedByTheDefaultForGood_data();
-    void unsetDataFolderIsReplacedByTheDefaultForGood();
-    void unwritableMachineFolderFallsBackToTheUsersOnce();
+    void makeFormatString_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("expected");
+        QTest::addColumn<bool>("sequence"); // whether the pattern reads as an image sequence
+        QTest::newRow("padded") << "/a/shot_0012.exr" << "/a/shot_%04d.exr" << true;
+        QTest::newRow("unpadded") << "/a/shot_1200.exr" << "/a/shot_%d.exr" << true;
+        // A folder named like a pattern holds ordinary files.
+        QTest::newRow("digits in a folder only") << "/a2/shot.exr" << "/a%d/shot.exr" << false;
+        QTest::newRow("last group wins") << "/v2/take3_000001.png" << "/v2/take3_%06d.png" << true;
+        QTest::newRow("digits in the extension") << "/a/f_0010.mp4" << "/a/f_0010.mp%d" << true;
+    }
 
-    void textFilesRoundTrip();
-    void listingsFilterFilesOnly();
-    void jsonObjectsRoundTrip();
-    void catalogueTakesOnlyEnabledEntriesWithTheKey();
-    void cachedReadersReadOnce_data();
-    void cachedReadersReadOnce();
+    void makeFormatString()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, expected);
+        QFETCH(bool, sequence);
+        TFileManager manager;
+        QCOMPARE(manager.makeFormatString(path), expected);
+        QCOMPARE(manager.isImageSequence(expected), sequence);
+        QVERIFY(!manager.isImageSequence(path)); // one numbered frame is no sequence
+    }
 
-    void freeSpaceOfRealVolumes();
-    void pluginInstallationWithoutRegistryFails();
-    void companionApplicationBesideTheApplication();
-    void zipFilesAndShowPacksTheMatchingFiles();
+    void getPaddedFrameNumber_data()
+    {
+        QTest::addColumn<int>("padding");
+        QTest::addColumn<int>("frame");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("wider than padding") << 2 << 1234 << "1234";
+        QTest::newRow("power of ten") << 4 << 100 << "0100";
+        QTest::newRow("no padding") << 0 << 7 << "7";
+        QTest::newRow("negative counts one digit and is cut") << 5 << -1 << "0000-";
+        QTest::newRow("largest int") << 12 << 2147483647 << "002147483647";
+    }
+
+    void getPaddedFrameNumber()
+    {
+        QFETCH(int, padding);
+        QFETCH(int, frame);
+        QFETCH(QString, expected);
+        TFileManager manager;
+        QCOMPARE(manager.getPaddedFrameNumber(padding, frame), expected);
+    }
+
+    void pathsOfFilesAndFolders()
+    {
+        TFileManager manager;
+        const QString file = m_dir.filePath(QStringLiteral("plain.txt"));
+        QVERIFY(writeFile(file, "x"));
+        QVERIFY(!manager.isDir(QString()));
+        QCOMPARE(manager.getFileFolder(QStringLiteral("file:/a/b/c.txt")), QStringLiteral("file:/a/b"));
+        QDir().mkpath(m_dir.filePath(QStringLiteral("tree/leaf")));
+        QCOMPARE(manager.getFileFolder(m_dir.filePath(QStringLiteral("tree/leaf"))), m_dir.filePath(QStringLiteral("tree")));
+        QVERIFY(manager.isDir(file)); // an existing plain file counts
+        QVERIFY(!manager.mkdir(file + QStringLiteral("/below")));
+    }
+
+    void unsetDataFolderIsReplacedByTheDefaultForGood_data()
+    {
+        QTest::addColumn<QString>("stored"); // "<none>" leaves the key unset
+        QTest::addColumn<bool>("kept");
+        QTest::newRow("unset") << "<none>" << false;
+        QTest::newRow("existing folder") << "<existing>" << true;
+        QTest::newRow("drive that has gone") << "<gone>" << false;
+    }
+
+    void unsetDataFolderIsReplacedByTheDefaultForGood()
+    {
+        QFETCH(QString, stored);
+        QFETCH(bool, kept);
+        const QString existing = m_dir.filePath(QStringLiteral("chosen-data"));
+        QDir().mkpath(existing);
+        QVERIFY(writeFile(m_dir.filePath(QStringLiteral("not-a-drive")), "x"));
+        const QString gone = m_dir.filePath(QStringLiteral("not-a-drive/data"));
+        {
+            QSettings settings;
+            settings.remove(QStringLiteral("kveaDataFolder"));
+            if (stored == QLatin1String("<existing>"))
+                settings.setValue(QStringLiteral("kveaDataFolder"), existing);
+            else if (stored == QLatin1String("<gone>"))
+                settings.setValue(QStringLiteral("kveaDataFolder"), gone);
+        }
+        TFileManager manager;
+        const QString result = manager.getModelFolderPath();
+        QCOMPARE(result, kept ? existing : manager.defaultModelFolderPath());
+        QCOMPARE(QSettings().value(QStringLiteral("kveaDataFolder")).toString(), result);
+        // Stored in the isolated settings file, not the user's.
+        QVERIFY(QSettings().fileName().startsWith(m_home->home));
+    }
+
+    void unwritableMachineFolderFallsBackToTheUsersOnce()
+    {
+        const QByteArray saved = qgetenv("XDG_DATA_DIRS");
+        const QString blocker = m_dir.filePath(QStringLiteral("machine-blocker"));
+        QVERIFY(writeFile(blocker, "a file where the machine folder would be"));
+        qputenv("XDG_DATA_DIRS", QFile::encodeName(blocker + QStringLiteral("/share")));
+
+        LogCapture log;
+        TFileManager manager;
+        const QString first = manager.defaultModelFolderPath();
+        const QString second = manager.defaultFolderPath(QStringLiteral("other"));
+        qputenv("XDG_DATA_DIRS", saved);
+
+        QVERIFY2(first.startsWith(m_home->userData() + QLatin1Char('/')), qPrintable(first));
+        QVERIFY(second.startsWith(m_home->userData() + QLatin1Char('/')));
+        QVERIFY(QFileInfo(first).isDir());
+        QCOMPARE(log.count(QStringLiteral("is not writable; using the user's data folder")), 1);
+    }
+
+    void textAndJsonFilesRoundTrip()
+    {
+        LogCapture log;
+        TFileManager manager;
+        const QString path = m_dir.filePath(QStringLiteral("text/note.txt"));
+        QVERIFY(!manager.saveToFile(path, QStringLiteral("no folder yet")));
+        QVERIFY(log.contains(QStringLiteral("Failed to  write ")));
+        QVERIFY(manager.mkdir(m_dir.filePath(QStringLiteral("text"))));
+        QVERIFY(manager.saveToFile(path, QStringLiteral("a longer first text\nwith two lines\n")));
+        // A shorter text truncates the longer one.
+        QVERIFY(manager.saveToFile(path, QStringLiteral("short\u00e9")));
+        QCOMPARE(manager.readFile(path), QStringLiteral("short\u00e9"));
+        QCOMPARE(manager.readFile(m_dir.filePath(QStringLiteral("absent.txt"))), QString());
+        QVERIFY(log.contains(QStringLiteral("Failed to open file to read at")));
+
+        const QString json = m_dir.filePath(QStringLiteral("object.json"));
+        const QVariantMap object{{QStringLiteral("count"), 3},
+                                 {QStringLiteral("nested"), QVariantMap{{QStringLiteral("on"), true}}}};
+        QVERIFY(manager.saveJsonObject(object, json));
+        QVERIFY(manager.readFile(json).contains(QStringLiteral("\n    \"count\"")));
+        QCOMPARE(QJsonObject::fromVariantMap(manager.readJsonObject(json)), QJsonObject::fromVariantMap(object));
+        QVERIFY(writeFile(json, "{ broken"));
+        QCOMPARE(manager.readJsonObject(json), QVariantMap());
+    }
+
+    void listingsFilterFilesOnly()
+    {
+        const QString folder = m_dir.filePath(QStringLiteral("listing"));
+        for (const char *name : {"a.kvid", "b.kvid", "c.txt"})
+            QVERIFY(writeFile(folder + QLatin1Char('/') + QLatin1String(name), "x"));
+        QDir().mkpath(folder + QStringLiteral("/folder.kvid"));
+        TFileManager manager;
+        QStringList kvid = manager.listFolder(folder);
+        kvid.sort();
+        QCOMPARE(kvid, (QStringList{QStringLiteral("a.kvid"), QStringLiteral("b.kvid")}));
+        QCOMPARE(manager.listFolder(folder, QStringLiteral("*.txt")), QStringList{QStringLiteral("c.txt")});
+        QVERIFY(QStringList({QStringLiteral("a.kvid"), QStringLiteral("b.kvid"), QStringLiteral("c.txt")})
+                    .contains(manager.getAnyFileInDir(folder)));
+        QDir().mkpath(folder + QStringLiteral("/only-folders/sub"));
+        QCOMPARE(manager.getAnyFileInDir(folder + QStringLiteral("/only-folders")), QString());
+        QCOMPARE(manager.getAnyFileInDir(folder + QStringLiteral("/missing")), QString());
+    }
+
+    void catalogueTakesOnlyEnabledEntriesWithTheKey()
+    {
+        const QString folder = m_dir.filePath(QStringLiteral("plugins"));
+        QVERIFY(writeFile(folder + QStringLiteral("/good.json"), R"({"enabled": true, "id": "denoise", "v": 1})"));
+        QVERIFY(writeFile(folder + QStringLiteral("/off.json"), R"({"enabled": false, "id": "off"})"));
+        QVERIFY(writeFile(folder + QStringLiteral("/nokey.json"), R"({"enabled": true, "name": "x"})"));
+        QVERIFY(writeFile(folder + QStringLiteral("/textflag.json"), R"({"enabled": "true", "id": "textflag"})"));
+        QVERIFY(writeFile(folder + QStringLiteral("/broken.json"), "{ not json"));
+        QVERIFY(writeFile(folder + QStringLiteral("/array.json"), "[1, 2]"));
+        QVERIFY(writeFile(folder + QStringLiteral("/readme.txt"), R"({"enabled": true, "id": "txt"})"));
+        QDir().mkpath(folder + QStringLiteral("/folder.json"));
+
+        LogCapture log;
+        TFileManager manager;
+        const QVariantMap catalogue = manager.loadJsonFolder(folder, QStringLiteral("id"));
+        QCOMPARE(catalogue.keys(), QStringList{QStringLiteral("denoise")});
+        const QVariantMap entry = catalogue.value(QStringLiteral("denoise")).toMap();
+        QCOMPARE(entry.value(QStringLiteral("path")).toString(), folder + QStringLiteral("/good.json"));
+        QCOMPARE(entry.value(QStringLiteral("v")).toInt(), 1);
+        QCOMPARE(log.count(QStringLiteral("JSON loader: Ignoring file: ")), 3);
+        QCOMPARE(log.count(QStringLiteral("JSON loader: Unable to parse json file: ")), 2);
+    }
+
+    void cachedReadersReadOnce_data()
+    {
+        QTest::addColumn<QString>("method");
+        QTest::addColumn<QString>("fileName");
+        QTest::addColumn<QString>("reading");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("benchmarks") << "readAllBenchmarkCommands" << "benchmarks.json"
+                                    << "Reading benchmark commands from file" << "Error loading benchmark commands file";
+        QTest::newRow("recommendations") << "readModelRecommendationRules" << "model-recommendation-rules.json"
+                                         << "Reading model recommendation rules from "
+                                         << "Error loading model recommendation rules ";
+    }
+
+    void cachedReadersReadOnce()
+    {
+        QFETCH(QString, method);
+        QFETCH(QString, fileName);
+        QFETCH(QString, reading);
+        QFETCH(QString, error);
+        LogCapture log;
+        TFileManager manager;
+        const QString path = manager.defaultModelFolderPath() + QLatin1Char('/') + fileName;
+        const auto call = [&](TFileManager &target) {
+            QString text;
+            QMetaObject::invokeMethod(&target, method.toLatin1().constData(), Q_RETURN_ARG(QString, text));
+            return text;
+        };
+
+        // An empty file keeps the member empty, so it is read again next time.
+        QVERIFY(writeFile(path, ""));
+        QCOMPARE(call(manager), QString());
+        QVERIFY(log.contains(error));
+        QVERIFY(writeFile(path, R"({"first": 1})"));
+        QCOMPARE(call(manager), QStringLiteral(R"({"first": 1})"));
+        QVERIFY(log.contains(reading));
+
+        // Read once in the life of the instance, whatever the disk does.
+        QVERIFY(writeFile(path, R"({"second": 2})"));
+        QCOMPARE(call(manager), QStringLiteral(R"({"first": 1})"));
+        QVERIFY(QFile::remove(path));
+        QCOMPARE(call(manager), QStringLiteral(R"({"first": 1})"));
+        TFileManager fresh;
+        QCOMPARE(call(fresh), QString());
+    }
+
+    void freeSpaceOfRealVolumes()
+    {
+        TFileManager manager;
+        QVERIFY(manager.availableFreeSpace(m_dir.path()) > 0);
+        QCOMPARE(manager.availableFreeSpace(QStringLiteral("/no/such/volume/at/all")), 0);
+        const QStringList spaces = manager.allFreeSpaces();
+        QVERIFY(!spaces.isEmpty());
+        QCOMPARE(spaces.size() % 3, 0);
+        for (int i = 0; i < spaces.size(); i += 3)
+            QVERIFY(spaces[i + 1].toDouble() <= spaces[i + 2].toDouble());
+    }
+
+    void pluginInstallationWithoutRegistryFails()
+    {
+        LogCapture log;
+        TFileManager manager;
+        QVERIFY(!manager.installAEPlugin());
+        QVERIFY(!manager.installOFXPlugin());
+        QCOMPARE(log.count(QStringLiteral("Could not find app registry")), 2);
+    }
+
+    void companionApplicationBesideTheApplication()
+    {
+        const QString appDir = m_dir.filePath(QStringLiteral("install/app"));
+        QDir().mkpath(appDir);
+        QCOMPARE(os::CompanionApp::executablePath(appDir), QString());
+        QVERIFY(!os::CompanionApp::start(appDir));
+
+        const QString marker = m_dir.filePath(QStringLiteral("companion-ran"));
+        const QString program = m_dir.filePath(QStringLiteral("install/Korvel Video/Korvel Video"));
+        QVERIFY(writeFile(program, QStringLiteral("#!/bin/sh\ntouch '%1'\n").arg(marker).toUtf8()));
+        QCOMPARE(os::CompanionApp::executablePath(appDir), QString()); // not executable yet
+        QFile::setPermissions(program, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QCOMPARE(os::CompanionApp::executablePath(appDir), program);
+        QVERIFY(os::CompanionApp::start(appDir));
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(marker), 10000);
+
+        TFileManager manager; // the test binary has no companion beside it
+        QVERIFY(!manager.studioApplicationExists());
+    }
+
+    void zipFilesAndShowPacksTheMatchingFiles()
+    {
+        const QString logs = m_dir.filePath(QStringLiteral("support/logs"));
+        QVERIFY(writeFile(logs + QStringLiteral("/run.log"), "log text"));
+        QVERIFY(writeFile(logs + QStringLiteral("/crash.dmp"), "dump"));
+        QVERIFY(writeFile(logs + QStringLiteral("/skip.tmp"), "no"));
+        QVERIFY(writeFile(logs + QStringLiteral("/deeper/inner.log"), "not recursive"));
+        const QString single = m_dir.filePath(QStringLiteral("support/settings.json"));
+        QVERIFY(writeFile(single, "{}"));
+        const QString zipPath = m_dir.filePath(QStringLiteral("support/out/report.zip"));
+
+        LogCapture log;
+        TFileManager manager;
+        manager.zipFilesAndShow({{logs, QStringList{QStringLiteral("*.log"), QStringLiteral("*.dmp")}},
+                                 {single, QStringList()},
+                                 {m_dir.filePath(QStringLiteral("support/missing.txt")), QStringList()}},
+                                zipPath, false);
+        QVERIFY(log.contains(QStringLiteral("Unable to read file")));
+        QVERIFY(log.contains(QStringLiteral("Logging files:")));
+
+        zip_t *archive = zip_open(QFile::encodeName(zipPath).constData(), ZIP_RDONLY, nullptr);
+        QVERIFY(archive);
+        QStringList names;
+        for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i) {
+            names << QString::fromUtf8(zip_get_name(archive, zip_uint64_t(i), 0));
+            zip_stat_t stat;
+            zip_stat_index(archive, zip_uint64_t(i), 0, &stat);
+            QCOMPARE(stat.encryption_method, zip_uint16_t(ZIP_EM_AES_256));
+        }
+        zip_set_default_password(archive, "pack-secret");
+        zip_file_t *entry = zip_fopen(archive, "run.log", 0);
+        QVERIFY(entry);
+        char text[64] = {};
+        QCOMPARE(zip_fread(entry, text, sizeof text), zip_int64_t(8));
+        zip_fclose(entry);
+        zip_discard(archive);
+        names.sort();
+        QCOMPARE(names, (QStringList{QStringLiteral("crash.dmp"), QStringLiteral("run.log"),
+                                     QStringLiteral("settings.json")}));
+
+        manager.zipFilesAndShow({{m_dir.filePath(QStringLiteral("support/missing.txt")), QStringList()}},
+                                m_dir.filePath(QStringLiteral("support/nothing.zip")), false);
+        QVERIFY(log.contains(QStringLiteral("Unable to zip files")));
+        QVERIFY(!QFile::exists(m_dir.filePath(QStringLiteral("support/nothing.zip"))));
+    }
+
+    void concatReportsFromItsThreadWithThePassThroughValues_data()
+    {
+        QTest::addColumn<QString>("former");
+        QTest::addColumn<int>("frame");
+        QTest::addColumn<bool>("ok");
+        QTest::addColumn<int>("duration");
+        QTest::newRow("half of the first, all of the second") << "<video>" << 25 << true << 3000;
+        QTest::newRow("missing first input") << "<missing>" << 25 << false << 0;
+    }
+
+    void concatReportsFromItsThreadWithThePassThroughValues()
+    {
+        QFETCH(QString, former);
+        QFETCH(int, frame);
+        QFETCH(bool, ok);
+        QFETCH(int, duration);
+        former = former == QLatin1String("<video>") ? m_video : m_dir.filePath(QStringLiteral("missing.mp4"));
+        const QString out = m_dir.filePath(QStringLiteral("joined-%1.mp4").arg(QTest::currentDataTag()).replace(' ', '-'));
+
+        TFileManager manager;
+        QList<ConcatResult> results;
+        connect(&manager, &TFileManager::concatFinished, this,
+                [&](double uid, const QString &path, bool success, int code, int status, int length) {
+                    results.append({uid, path, success, code, status, length});
+                });
+        // QML may also listen to the overload without the duration.
+        QVERIFY(manager.metaObject()->indexOfSignal("concatFinished(double,QString,bool,int,int)") >= 0);
+
+        manager.concat(out, former, m_video, size_t(frame), 12.5, 3, 4);
+        QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 60000);
+        const ConcatResult &result = results.first();
+        QCOMPARE(result.uid, 12.5);
+        QCOMPARE(result.out, out);
+        QCOMPARE(result.ok, ok);
+        QCOMPARE(result.code, 3);
+        QCOMPARE(result.status, 4);
+        QVERIFY2(qAbs(result.duration - duration) <= 80, qPrintable(QString::number(result.duration)));
+    }
+
+    void closeAndDeleteFromAnotherThreadDeletesTheFile_data()
+    {
+        QTest::addColumn<int>("uid");
+        QTest::addColumn<bool>("thumbnailRemoved");
+        QTest::newRow("with a video id") << 5 << true;
+        QTest::newRow("without one") << -1 << false;
+    }
+
+    void closeAndDeleteFromAnotherThreadDeletesTheFile()
+    {
+        QFETCH(int, uid);
+        QFETCH(bool, thumbnailRemoved);
+        const QString victim = m_dir.filePath(QStringLiteral("victim-%1.mp4").arg(uid));
+        QVERIFY(QFile::copy(m_video, victim));
+        auto &thumbnails = videoio::ThumbnailStore::GetInstance();
+        QVERIFY(thumbnails.add(QStringLiteral("5"), QString(), cv::Mat(16, 16, CV_8UC3, cv::Scalar(1, 2, 3))).first);
+        QVERIFY(videoio::VideoManager::GetReader(victim)->isOpen());
+
+        LogCapture log;
+        TFileManager manager;
+        std::thread([&manager, victim, uid] {
+            if (uid == -1)
+                emit manager.closeAndDelete(victim);
+            else
+                emit manager.closeAndDelete(victim, uid);
+        }).join();
+        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(victim), 15000);
+        QVERIFY(log.contains(QStringLiteral("Close and delete path")));
+        QCOMPARE(thumbnails.image(QStringLiteral("5")).isNull(), thumbnailRemoved);
+        thumbnails.removeAll();
+    }
+
+    void deletionNowAndDelayed()
+    {
+        TFileManager manager;
+        const QString now = m_dir.filePath(QStringLiteral("now.bin"));
+        const QString later = m_dir.filePath(QStringLiteral("later.bin"));
+        QVERIFY(writeFile(now, "x") && writeFile(later, "y"));
+        QVERIFY(manager.deletePath(now));
+        QVERIFY(!QFile::exists(now));
+        QElapsedTimer clock;
+        clock.start();
+        manager.deletePathDelayed(later);
+        QVERIFY(QFile::exists(later));
+        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(later), 20000);
+        // The file lasts at least the delay it was given.
+        QVERIFY(clock.elapsed() >= 4500);
+    }
 
 private:
     std::unique_ptr<IsolatedHome> m_home;
     QTemporaryDir m_dir;
+    QString m_video;
 };
-
-void tst_TFileManager::initTestCase()
-{
-    m_home = std::make_unique<IsolatedHome>();
-    QVERIFY(m_dir.isValid());
-    const QString config = m_dir.filePath(QStringLiteral("config.json"));
-    QVERIFY(writeFile(config, R"({"archivePassword": "pack-secret"})"));
-    qputenv("KUTILS_CONFIG_FILE", QFile::encodeName(config));
-    Configuration::reload();
-}
-
-void tst_TFileManager::cleanupTestCase()
-{
-    qunsetenv("KUTILS_CONFIG_FILE");
-    Configuration::reload();
-}
-
-void tst_TFileManager::makeFormatString_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<QString>("expected");
-    QTest::newRow("padded") << "/a/shot_0012.exr" << "/a/shot_%04d.exr";
-    QTest::newRow("unpadded") << "/a/shot_1200.exr" << "/a/shot_%d.exr";
-    QTest::newRow("digits in a folder only") << "/a2/shot.exr" << "/a%d/shot.exr";
-    QTest::newRow("last group wins") << "/v2/take3_000001.png" << "/v2/take3_%06d.png";
-    QTest::newRow("digits in the extension") << "/a/f_0010.mp4" << "/a/f_0010.mp%d";
-}
-
-void tst_TFileManager::makeFormatString()
-{
-    QFETCH(QString, path);
-    QFETCH(QString, expected);
-    TFileManager manager;
-    QCOMPARE(manager.makeFormatString(path), expected);
-}
-
-void tst_TFileManager::getPaddedFrameNumber_data()
-{
-    QTest::addColumn<int>("padding");
-    QTest::addColumn<int>("frame");
-    QTest::addColumn<QString>("expected");
-    QTest::newRow("wider than padding") << 2 << 1234 << "1234";
-    QTest::newRow("power of ten") << 4 << 100 << "0100";
-    QTest::newRow("no padding") << 0 << 7 << "7";
-    QTest::newRow("negative counts one digit and is cut") << 5 << -1 << "0000-";
-    QTest::newRow("largest int") << 12 << 2147483647 << "002147483647";
-}
-
-void tst_TFileManager::getPaddedFrameNumber()
-{
-    QFETCH(int, padding);
-    QFETCH(int, frame);
-    QFETCH(QString, expected);
-    TFileManager manager;
-    QCOMPARE(manager.getPaddedFrameNumber(padding, frame), expected);
-}
-
-void tst_TFileManager::pathsOfFilesAndFolders()
-{
-    TFileManager manager;
-    const QString file = m_dir.filePath(QStringLiteral("plain.txt"));
-    QVERIFY(writeFile(file, "x"));
-    QVERIFY(!manager.isDir(QString()));
-    QCOMPARE(manager.getFileFolder(QStringLiteral("file:/a/b/c.txt")), QStringLiteral("file:/a/b"));
-    QDir().mkpath(m_dir.filePath(QStringLiteral("tree/leaf")));
-    QCOMPARE(manager.getFileFolder(m_dir.filePath(QStringLiteral("tree/leaf"))), m_dir.filePath(QStringLiteral("tree")));
-    QVERIFY(manager.isDir(file)); // an existing plain file counts
-    QVERIFY(!manager.mkdir(file + QStringLiteral("/below")));
-}
-
-void tst_TFileManager::defaultFoldersLieInTheMachineWideFolder()
-{
-    TFileManager manager;
-    const QString expected = m_home->machineData + QStringLiteral("/KutilsTests/")
-        + QCoreApplication::applicationName() + QStringLiteral("/models");
-    QCOMPARE(manager.defaultModelFolderPath(), expected);
-    QVERIFY(QFileInfo(expected).isDir());
-    QCOMPARE(manager.defaultFolderPath(QStringLiteral("logs")),
-             m_home->machineData + QStringLiteral("/KutilsTests/") + QCoreApplication::applicationName()
-                 + QStringLiteral("/logs"));
-}
-
-void tst_TFileManager::unsetDataFolderIsReplacedByTheDefaultForGood_data()
-{
-    QTest::addColumn<QString>("stored"); // "<none>" leaves the key unset
-    QTest::addColumn<bool>("kept");
-    QTest::newRow("unset") << "<none>" << false;
-    QTest::newRow("existing folder") << "<existing>" << true;
-    QTest::newRow("drive that has gone") << "<gone>" << false;
-}
-
-void tst_TFileManager::unsetDataFolderIsReplacedByTheDefaultForGood()
-{
-    QFETCH(QString, stored);
-    QFETCH(bool, kept);
-    const QString existing = m_dir.filePath(QStringLiteral("chosen-data"));
-    QDir().mkpath(existing);
-    QVERIFY(writeFile(m_dir.filePath(QStringLiteral("not-a-drive")), "x"));
-    const QString gone = m_dir.filePath(QStringLiteral("not-a-drive/data"));
-    {
-        QSettings settings;
-        settings.remove(QStringLiteral("kveaDataFolder"));
-        if (stored == QLatin1String("<existing>"))
-            settings.setValue(QStringLiteral("kveaDataFolder"), existing);
-        else if (stored == QLatin1String("<gone>"))
-            settings.setValue(QStringLiteral("kveaDataFolder"), gone);
-    }
-    TFileManager manager;
-    const QString result = manager.getModelFolderPath();
-    QCOMPARE(result, kept ? existing : manager.defaultModelFolderPath());
-    QCOMPARE(QSettings().value(QStringLiteral("kveaDataFolder")).toString(), result);
-    // Stored in the isolated settings file, not the user's.
-    QVERIFY(QSettings().fileName().startsWith(m_home->home));
-}
-
-void tst_TFileManager::unwritableMachineFolderFallsBackToTheUsersOnce()
-{
-    const QByteArray saved = qgetenv("XDG_DATA_DIRS");
-    const QString blocker = m_dir.filePath(QStringLiteral("machine-blocker"));
-    QVERIFY(writeFile(blocker, "a file where the machine folder would be"));
-    qputenv("XDG_DATA_DIRS", QFile::encodeName(blocker + QStringLiteral("/share")));
-
-    LogCapture log;
-    TFileManager manager;
-    const QString first = manager.defaultModelFolderPath();
-    const QString second = manager.defaultFolderPath(QStringLiteral("other"));
-    qputenv("XDG_DATA_DIRS", saved);
-
-    QVERIFY2(first.startsWith(m_home->userData() + QLatin1Char('/')), qPrintable(first));
-    QVERIFY(second.startsWith(m_home->userData() + QLatin1Char('/')));
-    QVERIFY(QFileInfo(first).isDir());
-    QCOMPARE(log.count(QStringLiteral("is not writable; using the user's data folder")), 1);
-}
-
-void tst_TFileManager::textFilesRoundTrip()
-{
-    LogCapture log;
-    TFileManager manager;
-    const QString path = m_dir.filePath(QStringLiteral("text/note.txt"));
-    QVERIFY(!manager.saveToFile(path, QStringLiteral("no folder yet")));
-    QVERIFY(log.contains(QStringLiteral("Failed to  write ")));
-    QVERIFY(manager.mkdir(m_dir.filePath(QStringLiteral("text"))));
-    QVERIFY(manager.saveToFile(path, QStringLiteral("a longer first text\nwith two lines\n")));
-    // A shorter text truncates the longer one.
-    QVERIFY(manager.saveToFile(path, QStringLiteral("short\u00e9")));
-    QCOMPARE(manager.readFile(path), QStringLiteral("short\u00e9"));
-    QCOMPARE(manager.readFile(m_dir.filePath(QStringLiteral("absent.txt"))), QString());
-    QVERIFY(log.contains(QStringLiteral("Failed to open file to read at")));
-}
-
-void tst_TFileManager::listingsFilterFilesOnly()
-{
-    const QString folder = m_dir.filePath(QStringLiteral("listing"));
-    for (const char *name : {"a.kvid", "b.kvid", "c.txt"})
-        QVERIFY(writeFile(folder + QLatin1Char('/') + QLatin1String(name), "x"));
-    QDir().mkpath(folder + QStringLiteral("/folder.kvid"));
-    TFileManager manager;
-    QStringList kvid = manager.listFolder(folder);
-    kvid.sort();
-    QCOMPARE(kvid, (QStringList{QStringLiteral("a.kvid"), QStringLiteral("b.kvid")}));
-    QCOMPARE(manager.listFolder(folder, QStringLiteral("*.txt")), QStringList{QStringLiteral("c.txt")});
-    QVERIFY(QStringList({QStringLiteral("a.kvid"), QStringLiteral("b.kvid"), QStringLiteral("c.txt")})
-                .contains(manager.getAnyFileInDir(folder)));
-    QDir().mkpath(folder + QStringLiteral("/only-folders/sub"));
-    QCOMPARE(manager.getAnyFileInDir(folder + QStringLiteral("/only-folders")), QString());
-    QCOMPARE(manager.getAnyFileInDir(folder + QStringLiteral("/missing")), QString());
-}
-
-void tst_TFileManager::jsonObjectsRoundTrip()
-{
-    TFileManager manager;
-    const QString path = m_dir.filePath(QStringLiteral("object.json"));
-    const QVariantMap object{{QStringLiteral("name"), QStringLiteral("x")},
-                             {QStringLiteral("count"), 3},
-                             {QStringLiteral("nested"), QVariantMap{{QStringLiteral("on"), true}}}};
-    QVERIFY(manager.saveJsonObject(object, path));
-    QVERIFY(manager.readFile(path).contains(QStringLiteral("\n    \"count\"")));
-    QCOMPARE(QJsonObject::fromVariantMap(manager.readJsonObject(path)), QJsonObject::fromVariantMap(object));
-    QVERIFY(writeFile(path, "{ broken"));
-    QCOMPARE(manager.readJsonObject(path), QVariantMap());
-    QCOMPARE(manager.readJsonObject(m_dir.filePath(QStringLiteral("none.json"))), QVariantMap());
-}
-
-void tst_TFileManager::catalogueTakesOnlyEnabledEntriesWithTheKey()
-{
-    const QString folder = m_dir.filePath(QStringLiteral("plugins"));
-    QVERIFY(writeFile(folder + QStringLiteral("/good.json"), R"({"enabled": true, "id": "denoise", "v": 1})"));
-    QVERIFY(writeFile(folder + QStringLiteral("/off.json"), R"({"enabled": false, "id": "off"})"));
-    QVERIFY(writeFile(folder + QStringLiteral("/nokey.json"), R"({"enabled": true, "name": "x"})"));
-    QVERIFY(writeFile(folder + QStringLiteral("/textflag.json"), R"({"enabled": "true", "id": "textflag"})"));
-    QVERIFY(writeFile(folder + QStringLiteral("/broken.json"), "{ not json"));
-    QVERIFY(writeFile(folder + QStringLiteral("/array.json"), "[1, 2]"));
-    QVERIFY(writeFile(folder + QStringLiteral("/readme.txt"), R"({"enabled": true, "id": "txt"})"));
-    QDir().mkpath(folder + QStringLiteral("/folder.json"));
-
-    LogCapture log;
-    TFileManager manager;
-    const QVariantMap catalogue = manager.loadJsonFolder(folder, QStringLiteral("id"));
-    QCOMPARE(catalogue.keys(), QStringList{QStringLiteral("denoise")});
-    const QVariantMap entry = catalogue.value(QStringLiteral("denoise")).toMap();
-    QCOMPARE(entry.value(QStringLiteral("path")).toString(), folder + QStringLiteral("/good.json"));
-    QCOMPARE(entry.value(QStringLiteral("v")).toInt(), 1);
-    QCOMPARE(log.count(QStringLiteral("JSON loader: Ignoring file: ")), 3);
-    QCOMPARE(log.count(QStringLiteral("JSON loader: Unable to parse json file: ")), 2);
-}
-
-void tst_TFileManager::cachedReadersReadOnce_data()
-{
-    QTest::addColumn<QString>("method");
-    QTest::addColumn<QString>("fileName");
-    QTest::addColumn<QString>("reading");
-    QTest::addColumn<QString>("error");
-    QTest::newRow("benchmarks") << "readAllBenchmarkCommands" << "benchmarks.json"
-                                << "Reading benchmark commands from file" << "Error loading benchmark commands file";
-    QTest::newRow("recommendations") << "readModelRecommendationRules" << "model-recommendation-rules.json"
-                                     << "Reading model recommendation rules from "
-                                     << "Error loading model recommendation rules ";
-}
-
-void tst_TFileManager::cachedReadersReadOnce()
-{
-    QFETCH(QString, method);
-    QFETCH(QString, fileName);
-    QFETCH(QString, reading);
-    QFETCH(QString, error);
-    LogCapture log;
-    TFileManager manager;
-    const QString path = manager.defaultModelFolderPath() + QLatin1Char('/') + fileName;
-    const auto call = [&](TFileManager &target) {
-        QString text;
-        QMetaObject::invokeMethod(&target, method.toLatin1().constData(), Q_RETURN_ARG(QString, text));
-        return text;
-    };
-
-    // An empty file keeps the member empty, so it is read again next time.
-    QVERIFY(writeFile(path, ""));
-    QCOMPARE(call(manager), QString());
-    QVERIFY(log.contains(error));
-    QVERIFY(writeFile(path, R"({"first": 1})"));
-    QCOMPARE(call(manager), QStringLiteral(R"({"first": 1})"));
-    QVERIFY(log.contains(reading));
-
-    // Read once in the life of the instance, whatever the disk does.
-    QVERIFY(writeFile(path, R"({"second": 2})"));
-    QCOMPARE(call(manager), QStringLiteral(R"({"first": 1})"));
-    QVERIFY(QFile::remove(path));
-    QCOMPARE(call(manager), QStringLiteral(R"({"first": 1})"));
-    TFileManager fresh;
-    QCOMPARE(call(fresh), QString());
-}
-
-void tst_TFileManager::freeSpaceOfRealVolumes()
-{
-    TFileManager manager;
-    QVERIFY(manager.availableFreeSpace(m_dir.path()) > 0);
-    QCOMPARE(manager.availableFreeSpace(QStringLiteral("/no/such/volume/at/all")), 0);
-    const QStringList spaces = manager.allFreeSpaces();
-    QVERIFY(!spaces.isEmpty());
-    QCOMPARE(spaces.size() % 3, 0);
-    for (int i = 0; i < spaces.size(); i += 3)
-        QVERIFY(spaces[i + 1].toDouble() <= spaces[i + 2].toDouble());
-}
-
-void tst_TFileManager::pluginInstallationWithoutRegistryFails()
-{
-    LogCapture log;
-    TFileManager manager;
-    QVERIFY(!manager.installAEPlugin());
-    QVERIFY(!manager.installOFXPlugin());
-    QCOMPARE(log.count(QStringLiteral("Could not find app registry")), 2);
-}
-
-void tst_TFileManager::companionApplicationBesideTheApplication()
-{
-    const QString appDir = m_dir.filePath(QStringLiteral("install/app"));
-    QDir().mkpath(appDir);
-    QCOMPARE(os::CompanionApp::executablePath(appDir), QString());
-    QVERIFY(!os::CompanionApp::start(appDir));
-
-    const QString marker = m_dir.filePath(QStringLiteral("companion-ran"));
-    const QString program = m_dir.filePath(QStringLiteral("install/Korvel Video/Korvel Video"));
-    QVERIFY(writeFile(program, QStringLiteral("#!/bin/sh\ntouch '%1'\n").arg(marker).toUtf8()));
-    QCOMPARE(os::CompanionApp::executablePath(appDir), QString()); // not executable yet
-    QFile::setPermissions(program, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    QCOMPARE(os::CompanionApp::executablePath(appDir), program);
-    QVERIFY(os::CompanionApp::start(appDir));
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(marker), 10000);
-
-    TFileManager manager; // the test binary has no companion beside it
-    QVERIFY(!manager.studioApplicationExists());
-}
-
-void tst_TFileManager::zipFilesAndShowPacksTheMatchingFiles()
-{
-    const QString logs = m_dir.filePath(QStringLiteral("support/logs"));
-    QVERIFY(writeFile(logs + QStringLiteral("/run.log"), "log text"));
-    QVERIFY(writeFile(logs + QStringLiteral("/crash.dmp"), "dump"));
-    QVERIFY(writeFile(logs + QStringLiteral("/skip.tmp"), "no"));
-    QVERIFY(writeFile(logs + QStringLiteral("/deeper/inner.log"), "not recursive"));
-    const QString single = m_dir.filePath(QStringLiteral("support/settings.json"));
-    QVERIFY(writeFile(single, "{}"));
-    const QString zipPath = m_dir.filePath(QStringLiteral("support/out/report.zip"));
-
-    LogCapture log;
-    TFileManager manager;
-    manager.zipFilesAndShow({{logs, QStringList{QStringLiteral("*.log"), QStringLiteral("*.dmp")}},
-                             {single, QStringList()},
-                             {m_dir.filePath(QStringLiteral("support/missing.txt")), QStringList()}},
-                            zipPath, false);
-    QVERIFY(log.contains(QStringLiteral("Unable to read file")));
-    QVERIFY(log.contains(QStringLiteral("Logging files:")));
-
-    zip_t *archive = zip_open(QFile::encodeName(zipPath).constData(), ZIP_RDONLY, nullptr);
-    QVERIFY(archive);
-    QStringList names;
-    for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i) {
-        names << QString::fromUtf8(zip_get_name(archive, zip_uint64_t(i), 0));
-        zip_stat_t stat;
-        zip_stat_index(archive, zip_uint64_t(i), 0, &stat);
-        QCOMPARE(stat.encryption_method, zip_uint16_t(ZIP_EM_AES_256));
-    }
-    zip_set_default_password(archive, "pack-secret");
-    zip_file_t *entry = zip_fopen(archive, "run.log", 0);
-    QVERIFY(entry);
-    char text[64] = {};
-    QCOMPARE(zip_fread(entry, text, sizeof text), zip_int64_t(8));
-    zip_fclose(entry);
-    zip_discard(archive);
-    names.sort();
-    QCOMPARE(names, (QStringList{QStringLiteral("crash.dmp"), QStringLiteral("run.log"),
-                                 QStringLiteral("settings.json")}));
-
-    manager.zipFilesAndShow({{m_dir.filePath(QStringLiteral("support/missing.txt")), QStringList()}},
-                            m_dir.filePath(QStringLiteral("support/nothing.zip")), false);
-    QVERIFY(log.contains(QStringLiteral("Unable to zip files")));
-    QVERIFY(!QFile::exists(m_dir.filePath(QStringLiteral("support/nothing.zip"))));
-}
 
 QTEST_GUILESS_MAIN(tst_TFileManager)
 #include "tst_TFileManager.moc"

@@ -2,7 +2,6 @@
 
 #include "files/TFileManager.h"
 
-#include <QRandomGenerator>
 #include <QtTest>
 
 #include <zip.h>
@@ -87,13 +86,6 @@ bool writeRawArchive(const QString &path, const QList<QPair<QByteArray, QByteArr
         return false;
     archive.release();
     return true;
-}
-
-QByteArray randomBytes(int size)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
-    return bytes;
 }
 
 } // namespace

@@ -13,9 +13,8 @@ namespace videoio::testing {
 
 // The visible bytes of the reader's current picture, row by row: row padding
 // is left out, since it carries nothing a viewer sees.
-inline QByteArray frameHash(Reader &reader)
+inline QByteArray frameHash(const std::shared_ptr<QVideoFrame> &frame)
 {
-    const std::shared_ptr<QVideoFrame> frame = reader.frame();
     if (!frame)
         return {};
     QVideoFrame copy = *frame;
@@ -27,6 +26,11 @@ inline QByteArray frameHash(Reader &reader)
         hash.addData(QByteArrayView(copy.bits(0) + y * copy.bytesPerLine(0), rowBytes));
     copy.unmap();
     return hash.result();
+}
+
+inline QByteArray frameHash(Reader &reader)
+{
+    return frameHash(reader.frame());
 }
 
 struct Decoded

@@ -1,5 +1,4 @@
 kutils_add_test(tst_ModelManager SOURCES ${CMAKE_CURRENT_LIST_DIR}/tst_ModelManager.cpp LIBS kutils_platform)
-kutils_add_test(tst_SystemInfo SOURCES ${CMAKE_CURRENT_LIST_DIR}/tst_SystemInfo.cpp LIBS kutils_platform)
 # One process per bus: Qt keeps the first system-bus connection for good.
 kutils_add_test(tst_SleepInhibitor SOURCES ${CMAKE_CURRENT_LIST_DIR}/tst_SleepInhibitor.cpp
   LIBS kutils_platform Qt6::DBus TIMEOUT 60)

@@ -1,17 +1,71 @@
+// The model engine's stand-in, the machine facts it chooses devices by, and
+// the enciphered archives that model files are.
+#include "../files/FilesTestSupport.h"
+
 #include "aiengine/DeviceSelector.h"
 #include "aiengine/ModelBackendFactory.h"
 #include "aiengine/ModelManager.h"
+#include "aiutils/BlockingQueueTemplate.h"
+#include "aiutils/SystemInfo.h"
+#include "aiutils/kzutils.h"
 
-#include <QDir>
-#include <QFile>
+#include <QJsonObject>
+#include <QSysInfo>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <zip.h>
+
+#include <memory>
+#include <queue>
 #include <thread>
 
 using aiengine::DeviceSelector;
 using aiengine::ModelBackendFactory;
 using aiengine::ModelManager;
+using aiutils::DeviceInfo;
+using aiutils::SystemInfo;
+using Buffers = QMap<QString, QByteArray>;
+
+namespace {
+
+constexpr double GiB = 1024.0 * 1024.0 * 1024.0;
+
+const QString password = QStringLiteral("Tr0ub4dor&3");
+
+struct ZipDiscard
+{
+    void operator()(zip_t *archive) const { zip_discard(archive); }
+};
+
+// The entries of an archive on disk as libzip reads them with `pass`; an entry
+// that fails to open or read comes back as a null array.
+QMap<QString, QByteArray> unpack(const QString &path, const QByteArray &pass)
+{
+    QMap<QString, QByteArray> entries;
+    std::unique_ptr<zip_t, ZipDiscard> archive(zip_open(QFile::encodeName(path).constData(), ZIP_RDONLY, nullptr));
+    if (!archive)
+        return entries;
+    zip_set_default_password(archive.get(), pass.isEmpty() ? nullptr : pass.constData());
+    for (zip_int64_t i = 0; i < zip_get_num_entries(archive.get(), 0); ++i) {
+        const QString name = QString::fromUtf8(zip_get_name(archive.get(), zip_uint64_t(i), 0));
+        zip_file_t *file = zip_fopen_index(archive.get(), zip_uint64_t(i), 0);
+        QByteArray data;
+        if (file) {
+            char block[8192];
+            zip_int64_t got = 0;
+            while ((got = zip_fread(file, block, sizeof block)) > 0)
+                data.append(block, got);
+            zip_fclose(file);
+            if (got < 0)
+                data = QByteArray();
+        }
+        entries.insert(name, data);
+    }
+    return entries;
+}
+
+} // namespace
 
 Q_DECLARE_METATYPE(std::set<std::string>)
 
@@ -20,6 +74,8 @@ class tst_ModelManager : public QObject
     Q_OBJECT
 
     QTemporaryDir m_dir;
+    QTemporaryDir m_archives;
+    QByteArray m_goodModel;
 
     bool writeCatalogue(const QByteArray &text)
     {
@@ -28,6 +84,17 @@ class tst_ModelManager : public QObject
     }
 
 private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_archives.isValid());
+        const QString modelPath = m_archives.filePath(QStringLiteral("model.kz"));
+        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), randomBytes(200000, 7)},
+                                            {QStringLiteral("graph.json"), QByteArray(5000, '{')}},
+                                           modelPath, password));
+        m_goodModel = readFileBytes(modelPath);
+        QVERIFY(!m_goodModel.isEmpty());
+    }
+
     void firstAskTakesTheInstalledFolders()
     {
         QVERIFY(!ModelManager::IsInitialized());
@@ -163,6 +230,208 @@ private slots:
         const int code = selector.preferredBackend(device, offered, appleMinimum > 0 ? appleMinimum : 10.15f);
         QCOMPARE(QString::fromStdString(ModelBackendFactory::MBNameFor(code)), expected);
         QCOMPARE(selector.deviceCapability(device), capability);
+    }
+
+    void cpuName_data()
+    {
+        QTest::addColumn<QByteArray>("cpuinfo");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("x86") << QByteArray("processor\t: 0\nmodel name\t: AMD Ryzen 9 7950X  16-Core\nflags\t: sse\n")
+                             << "AMD Ryzen 9 7950X 16-Core";
+        QTest::newRow("arm board")
+            << QByteArray("processor\t: 0\nBogoMIPS\t: 108.00\n\nModel\t: Raspberry Pi 4 Model B\n")
+            << "Raspberry Pi 4 Model B";
+        QTest::newRow("nothing known") << QByteArray("processor\t: 0\n") << QSysInfo::currentCpuArchitecture();
+    }
+
+    void cpuName()
+    {
+        QFETCH(QByteArray, cpuinfo);
+        QFETCH(QString, expected);
+        QCOMPARE(SystemInfo::parseCpuName(cpuinfo), expected);
+    }
+
+    void memoryIsCappedByANumericCgroupLimit_data()
+    {
+        QTest::addColumn<QString>("limitFile");
+        QTest::addColumn<QByteArray>("limit");
+        QTest::addColumn<double>("total");
+        QTest::addColumn<double>("available");
+        const QString v2 = "sys/fs/cgroup/memory.max", v1 = "sys/fs/cgroup/memory/memory.limit_in_bytes";
+        QTest::newRow("v2 max") << v2 << QByteArray("max\n") << 16.0 << 12.0;
+        QTest::newRow("v2 4 GiB") << v2 << QByteArray("4294967296\n") << 4.0 << 4.0;
+        QTest::newRow("v2 above available") << v2 << QByteArray("14495514624\n") << 13.5 << 12.0;
+        QTest::newRow("v1 unlimited") << v1 << QByteArray("9223372036854771712\n") << 16.0 << 12.0;
+    }
+
+    void memoryIsCappedByANumericCgroupLimit()
+    {
+        QFETCH(QString, limitFile);
+        QFETCH(QByteArray, limit);
+        QFETCH(double, total);
+        QFETCH(double, available);
+        QTemporaryDir root;
+        QVERIFY(writeFile(root.filePath("proc/meminfo"),
+                          "MemTotal:       16777216 kB\nMemFree:  1024 kB\nMemAvailable:   12582912 kB\n"));
+        QVERIFY(writeFile(root.filePath(limitFile), limit));
+        const SystemInfo facts(root.path());
+        QCOMPARE(facts.cpuMemory().first, total);
+        QCOMPARE(facts.cpuMemory().second, available);
+    }
+
+    void drmCardsWithVendorAndMemoryConnectorsSkipped()
+    {
+        QTemporaryDir root;
+        const QString drm = root.filePath("sys/class/drm/");
+        QVERIFY(writeFile(drm + "card1/device/vendor", "0x1002\n"));
+        QVERIFY(writeFile(drm + "card1/device/device", "0x73bf\n"));
+        QVERIFY(writeFile(drm + "card1/device/mem_info_vram_total", QByteArray::number(qint64(16 * GiB)) + "\n"));
+        QVERIFY(writeFile(drm + "card0/device/vendor", "0x8086\n"));
+        QVERIFY(writeFile(drm + "card0/device/device", "0x4680\n"));
+        QVERIFY(writeFile(drm + "card0-HDMI-A-1/device/vendor", "0x8086\n"));
+        QVERIFY(writeFile(drm + "renderD128/device/vendor", "0x8086\n"));
+        QVERIFY(writeFile(drm + "card2/device/uevent", "DRIVER=simpledrm\n")); // no vendor: a framebuffer
+        QVERIFY(writeFile(drm + "card10/device/vendor", "0x10de\n"));
+        QVERIFY(writeFile(drm + "card10/device/product_name", "Some Card\n"));
+        const SystemInfo facts(root.path());
+        const std::vector<DeviceInfo> expected{{"Intel GPU 8086:4680", 0.0, -1, 0},
+                                               {"AMD GPU 1002:73bf", 16.0, -1, 0},
+                                               {"Some Card", 0.0, -1, 0}};
+        QCOMPARE(facts.getGPUList(), expected);
+        QVERIFY(SystemInfo(root.filePath("nothing")).getGPUList().empty());
+    }
+
+    void stoppedQueueGivesNothingUntilReset()
+    {
+        aiutils::BlockingQueueTemplate<std::queue<int>, int> queue;
+        int item = 0;
+        std::thread waiter([&] { QVERIFY(queue.pop(item)); });
+        queue.push(7);
+        waiter.join();
+        QCOMPARE(item, 7);
+        queue.push(8);
+        std::thread stopped([&] {
+            int front = 0;
+            while (queue.front(front)) { } // leaves only when stopped, though an item remains
+        });
+        queue.stop();
+        stopped.join();
+        QVERIFY(!queue.pop(item));
+        queue.reset();
+        QVERIFY(queue.front(item) && queue.pop(item));
+        QCOMPARE(item, 8);
+    }
+
+    void savedArchiveRoundTrips_data()
+    {
+        QTest::addColumn<Buffers>("files");
+        QTest::newRow("plain words") << Buffers{{QStringLiteral("note.txt"), "plain words that must not show"}};
+        QTest::newRow("empty buffer beside data")
+            << Buffers{{QStringLiteral("empty"), QByteArray()}, {QStringLiteral("data"), randomBytes(4096, 1)}};
+        QTest::newRow("large and compressible")
+            << Buffers{{QStringLiteral("zeros.raw"), QByteArray(3 << 20, '\0')}};
+        QTest::newRow("names with folders and accents")
+            << Buffers{{QStringLiteral("sub/caf\u00e9.json"), "{}"}, {QStringLiteral("b.bin"), randomBytes(64, 2)}};
+    }
+
+    void savedArchiveRoundTrips()
+    {
+        QFETCH(Buffers, files);
+        const QString path = m_archives.filePath(QStringLiteral("roundtrip/out.zip"));
+        QVERIFY(kzutils::saveEncryptedFile(files, path, password));
+        QCOMPARE(unpack(path, password.toUtf8()), files);
+        // Enciphered: no entry opens without the password, and no text shows.
+        for (const QByteArray &withoutPassword : unpack(path, {}))
+            QVERIFY(withoutPassword.isNull());
+        QVERIFY(!readFileBytes(path).contains("plain words"));
+        QVERIFY(kzutils::verifyCompressedBuffer(QStringLiteral("out.zip"), readFileBytes(path),
+                                                QVariantMap{{QStringLiteral("password"), password}}, true));
+    }
+
+    void savingNothingFailsAndKeepsTheOldFile()
+    {
+        const QString path = m_archives.filePath(QStringLiteral("kept.zip"));
+        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("a"), "a"}}, path, password));
+        const QByteArray before = readFileBytes(path);
+        QVERIFY(!kzutils::saveEncryptedFile({}, path, password));
+        QCOMPARE(readFileBytes(path), before);
+    }
+
+    void verification_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("pass");
+        QTest::addColumn<bool>("readThrough");
+        QTest::addColumn<bool>("expected");
+
+        QTest::newRow("good, full check") << m_goodModel << password << true << true;
+        QTest::newRow("wrong password") << m_goodModel << QStringLiteral("hunter2") << true << false;
+        QTest::newRow("truncated by one byte") << m_goodModel.chopped(1) << password << true << false;
+        QTest::newRow("first half only") << m_goodModel.left(m_goodModel.size() / 2) << password << false << false;
+        QTest::newRow("not an archive") << QByteArray(4096, 'x') << password << true << false;
+
+        // A plain ZIP is no model file, whatever its content.
+        const QString plainPath = m_archives.filePath(QStringLiteral("plain.zip"));
+        QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), randomBytes(1000, 3)}}, plainPath, QString()));
+        QTest::newRow("not enciphered") << readFileBytes(plainPath) << password << true << false;
+    }
+
+    void verification()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, pass);
+        QFETCH(bool, readThrough);
+        QFETCH(bool, expected);
+        const QJsonObject options{{QStringLiteral("password"), pass}};
+        QCOMPARE(kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), bytes, options, readThrough), expected);
+    }
+
+    void flippedByteIsSeenOnlyByReadingThrough()
+    {
+        // A byte in the middle of the large noise entry: the directory stays intact,
+        // so only decompressing to the end shows the damage.
+        QByteArray damaged = m_goodModel;
+        const qsizetype middle = damaged.size() / 2;
+        damaged[middle] = char(damaged[middle] ^ 0x5a);
+        const QVariantMap options{{QStringLiteral("password"), password}};
+        QVERIFY(kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), damaged, options, false));
+        QVERIFY(!kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), damaged, options, true));
+    }
+
+    void bufferToFileWritesAndReplaces()
+    {
+        const QString path = m_archives.filePath(QStringLiteral("models/new/sub/model.kz"));
+        QCOMPARE(kzutils::bufferToFile(m_goodModel, path), QString());
+        QCOMPARE(readFileBytes(path), m_goodModel);
+        const QByteArray second = randomBytes(1024, 9);
+        QCOMPARE(kzutils::bufferToFile(second, path), QString());
+        QCOMPARE(readFileBytes(path), second);
+        QCOMPARE(QDir(m_archives.filePath(QStringLiteral("models/new/sub"))).entryList(QDir::Files | QDir::Hidden),
+                 QStringList{QStringLiteral("model.kz")});
+    }
+
+    void bufferToFileFailureLeavesNothing_data()
+    {
+        QTest::addColumn<QString>("relativePath");
+        QTest::newRow("target is a folder") << QStringLiteral("blocked/model.kz");
+        QTest::newRow("parent is a file") << QStringLiteral("blocked/file.txt/model.kz");
+        QTest::newRow("empty path") << QString();
+    }
+
+    void bufferToFileFailureLeavesNothing()
+    {
+        QFETCH(QString, relativePath);
+        const QString folder = m_archives.filePath(QStringLiteral("blocked"));
+        QVERIFY(QDir().mkpath(folder + QStringLiteral("/model.kz")));
+        QFile blocker(folder + QStringLiteral("/file.txt"));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        const QStringList before = QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+
+        const QString path = relativePath.isEmpty() ? QString() : m_archives.filePath(relativePath);
+        QVERIFY(!kzutils::bufferToFile(m_goodModel, path).isEmpty());
+        QCOMPARE(QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), before);
+        QVERIFY(QFileInfo(folder + QStringLiteral("/model.kz")).isDir());
     }
 };
 

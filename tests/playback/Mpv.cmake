@@ -1,7 +1,5 @@
 # The mpv panes, their nodes and the player's request queue.
-kutils_add_test(tst_SyncMath SOURCES tst_SyncMath.cpp LIBS kutils_playback)
 kutils_add_test(tst_FrameLock SOURCES tst_FrameLock.cpp LIBS kutils_playback)
-kutils_add_test(tst_VPReqQueue SOURCES tst_VPReqQueue.cpp LIBS kutils_playback)
 kutils_add_test(tst_ViewNode SOURCES tst_ViewNode.cpp LIBS kutils_playback)
 set(_mpv_lsan "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_LIST_DIR}/mpv-lsan.supp")
 # Real libmpv drawing into native child windows of one Quick window under Xvfb.

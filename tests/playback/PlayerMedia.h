@@ -4,11 +4,16 @@
 // input is one flat grey whose level is its frame number (16 + 2 * n), so a
 // grab of a pane tells which input frame it shows; previews keep that level
 // and change only the colour, as a render of the same frames would.
+#include "playback/MPVObject.h"
+
 #include <QColor>
 #include <QImage>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+
+#include <map>
+#include <mutex>
 
 namespace playermedia {
 
@@ -61,5 +66,38 @@ inline double frameShown(const QImage &image, const QRect &region)
     }
     return count ? (sum / count - 16.0) / 2.0 : -1;
 }
+
+// Every mpv command that watched panes send, or would send with their core
+// never started, as one text per command ("set speed 1.000000"), by view.
+class PaneCommands
+{
+public:
+    void watch(MPVObject &pane, int view = 0)
+    {
+        pane.player().setCommandObserver([this, view](const QStringList &words) {
+            const std::lock_guard lock(m_mutex);
+            m_lines[view].append(words.join(QLatin1Char(' ')));
+        });
+    }
+    QStringList of(int view = 0, const QString &head = {}) const
+    {
+        const std::lock_guard lock(m_mutex);
+        QStringList found;
+        if (const auto lines = m_lines.find(view); lines != m_lines.end())
+            for (const QString &line : lines->second)
+                if (line.startsWith(head))
+                    found.append(line);
+        return found;
+    }
+    void clear()
+    {
+        const std::lock_guard lock(m_mutex);
+        m_lines.clear();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::map<int, QStringList> m_lines;
+};
 
 } // namespace playermedia

@@ -2,7 +2,8 @@
 // real MPVObject panes whose mpv cores are never started: every command they
 // would send is recorded, so each branch of the player is reached
 // deterministically and without a display.
-#include "playback/MPVObject.h"
+#include "PlayerMedia.h"
+
 #include "playback/VideoPlayer.h"
 
 #include <QSignalSpy>
@@ -10,7 +11,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
 
 using videoplayer::VideoPlayer;
 
@@ -20,38 +20,6 @@ constexpr int kInput = 1;
 constexpr int kPreview = 2;
 constexpr int kSet = 7;
 const QString kInputPath = QStringLiteral("/media/input.mp4");
-
-// Every mpv command of both panes, as one text per command ("set speed 1.000000").
-class CommandLog
-{
-public:
-    void attach(MPVObject &pane, int view)
-    {
-        pane.player().setCommandObserver([this, view](const QStringList &words) {
-            const std::lock_guard lock(mutex);
-            lines[view].append(words.join(QLatin1Char(' ')));
-        });
-    }
-    QStringList of(int view, const QString &head = {})
-    {
-        const std::lock_guard lock(mutex);
-        QStringList found;
-        for (const QString &line : std::as_const(lines[view]))
-            if (line.startsWith(head))
-                found.append(line);
-        return found;
-    }
-    void clear()
-    {
-        const std::lock_guard lock(mutex);
-        lines[0].clear();
-        lines[1].clear();
-    }
-
-private:
-    std::mutex mutex;
-    QStringList lines[2];
-};
 
 QString seekText(qint64 ms)
 {
@@ -86,7 +54,7 @@ private:
     std::unique_ptr<MPVObject> left;
     std::unique_ptr<MPVObject> right;
     std::unique_ptr<VideoPlayer> player;
-    CommandLog commands;
+    playermedia::PaneCommands commands;
 
     bool settle()
     {
@@ -135,8 +103,8 @@ private slots:
         right = std::make_unique<MPVObject>();
         player = std::make_unique<VideoPlayer>();
         commands.clear();
-        commands.attach(*left, 0);
-        commands.attach(*right, 1);
+        commands.watch(*left, 0);
+        commands.watch(*right, 1);
         player->setMPVObjects({left.get(), right.get()});
     }
 
@@ -245,8 +213,17 @@ private slots:
         QCOMPARE(player->getInputTimestamp(), expected);
     }
 
+    void pauseRealignsBothPanesOnceBothReportPaused_data()
+    {
+        QTest::addColumn<qlonglong>("seekAfterPause"); // -1: none
+        QTest::newRow("realigned where it paused") << -1LL;
+        // mpv's pause reports arrive after the user's seek.
+        QTest::newRow("a seek after the pause is not undone") << 400LL;
+    }
+
     void pauseRealignsBothPanesOnceBothReportPaused()
     {
+        QFETCH(qlonglong, seekAfterPause);
         QVERIFY(openInput());
         QVERIFY(playFrom(1500));
         QSignalSpy stops(player.get(), &VideoPlayer::stopIR);
@@ -254,30 +231,22 @@ private slots:
         QVERIFY(!player->getIsPlaying());
         QCOMPARE(stops.count(), 2);
         QCOMPARE(commands.of(0).last(), QStringLiteral("set pause yes"));
+        if (seekAfterPause >= 0)
+            player->seek(seekAfterPause);
+        QVERIFY(settle());
         commands.clear();
         player->queuedseekMPVSlotPaused(0);
         QVERIFY(settle());
         QVERIFY(commands.of(0, QStringLiteral("seek")).isEmpty());
         player->queuedseekMPVSlotPaused(1);
         QVERIFY(settle());
-        QVERIFY(commands.of(0).contains(seekText(1500)));
-        QVERIFY(commands.of(1).contains(seekText(1500)));
-    }
-
-    void seekAfterPauseIsNotUndoneByTheLateRealign()
-    {
-        QVERIFY(openInput());
-        QVERIFY(playFrom(1500));
-        player->pause();
-        player->seek(400);
-        QVERIFY(settle());
-        commands.clear();
-        // mpv's pause reports arrive after the user's seek.
-        player->queuedseekMPVSlotPaused(0);
-        player->queuedseekMPVSlotPaused(1);
-        QVERIFY(settle());
-        QVERIFY(commands.of(0, QStringLiteral("seek")).isEmpty());
-        QCOMPARE(player->getInputTimestamp(), 400);
+        if (seekAfterPause < 0) {
+            QVERIFY(commands.of(0).contains(seekText(1500)));
+            QVERIFY(commands.of(1).contains(seekText(1500)));
+        } else {
+            QVERIFY(commands.of(0, QStringLiteral("seek")).isEmpty());
+            QCOMPARE(player->getInputTimestamp(), seekAfterPause);
+        }
     }
 
     void inOutRangeLoopsAtTheLastFrameBeforeTheOutPoint_data()

@@ -1,18 +1,26 @@
-// View nodes and their manager on real timelines. The panes are real MPVObjects
+// View nodes and their manager on real timelines; the arithmetic between file
+// time and the input's axis that they use (the rows that sit on a truncation,
+// a rounding or a precision limit); and the player's request queue: every
+// coalescing case as a table, its blocking behaviour, and a randomized producer
+// and consumer (run it under ThreadSanitizer). The panes are real MPVObjects
 // that are never put in a window: their mpv never starts, and the commands they
 // would send are read through the player's command observer.
-#include "playback/MPVObject.h"
+#include "PlayerMedia.h"
+#include "../timeline/TimelineFixture.h"
+
+#include "playback/SyncMath.h"
+#include "playback/VPReqQueue.h"
 #include "playback/ViewNode.h"
 #include "playback/ViewNodeManager.h"
-#include "timeline/ConsoleLogger.h"
-#include "timeline/Timeline.h"
 
+#include <QRandomGenerator>
 #include <QTest>
 
-#include <algorithm>
 #include <mutex>
+#include <thread>
 
 using namespace videoplayer;
+using namespace syncmath;
 
 namespace {
 
@@ -26,20 +34,46 @@ std::shared_ptr<Video> makeVideo(UID uid, TSType start, TSType duration, const s
     return video;
 }
 
-struct Recorder
+QVariantMap request(int type, QVariantMap keys = {})
 {
-    std::mutex mutex;
-    QList<QStringList> commands;
-    QList<ConsoleLogger::Record> logs;
+    keys.insert(QStringLiteral("type"), type);
+    return keys;
+}
 
-    void watch(MPVObject &pane)
-    {
-        pane.player().setCommandObserver([this](const QStringList &words) {
-            const std::lock_guard lock(mutex);
-            commands.append(words);
-        });
-    }
-};
+QVariantMap seek(qint64 ts, bool interrupt = true, bool initIR = true)
+{
+    return request(Seek, {{"timestamp", ts}, {"interrupt", interrupt}, {"initIR", initIR}});
+}
+
+QVariantMap reload(int uid)
+{
+    return request(Reload, {{"uid", uid}, {"newRangeX", -1}, {"newRangeY", -1}});
+}
+
+QVariantMap addInput(int uid, QVariant firstLoad = {})
+{
+    QVariantMap keys{{"uid", uid}, {"timestamp", 0}, {"filepath", QStringLiteral("/in%1.mp4").arg(uid)}};
+    if (firstLoad.isValid())
+        keys.insert(QStringLiteral("firstLoad"), firstLoad);
+    return request(AddInput, keys);
+}
+
+QVariantMap openForPreview(int view, const QString &path)
+{
+    return request(OpenVideoForPreview, {{"params", QVariantMap{{"filepath", path}}}, {"viewID", view}});
+}
+
+// A step of a script: a request to push, or an invalid variant meaning "pop one".
+const QVariant popOne;
+
+QList<QVariantMap> drain(VPReqQueue &queue)
+{
+    QList<QVariantMap> out;
+    QVariantMap next;
+    while (!queue.empty() && queue.pop(next))
+        out.append(next);
+    return out;
+}
 
 } // namespace
 
@@ -50,7 +84,8 @@ class tst_ViewNode : public QObject
 private:
     std::mutex timestampMutex;
     std::mutex infoMutex;
-    std::unique_ptr<Recorder> recorder;
+    playermedia::PaneCommands commands;
+    std::unique_ptr<LogCapture> log;
     std::vector<std::shared_ptr<MPVObject>> panes;
     std::shared_ptr<Video> input;
     std::shared_ptr<Video> preview;
@@ -58,7 +93,7 @@ private:
     std::unique_ptr<ViewNode> makeNode(int viewID, std::shared_ptr<MPVObject> mpv)
     {
         if (mpv) {
-            recorder->watch(*mpv);
+            commands.watch(*mpv);
             // Nodes only hold the use of a pane; the scene (here the test) owns it.
             panes.push_back(mpv);
         }
@@ -69,11 +104,8 @@ private:
 private slots:
     void init()
     {
-        recorder = std::make_unique<Recorder>();
-        ConsoleLogger::setCaptureSink([r = recorder.get()](const ConsoleLogger::Record &record) {
-            const std::lock_guard lock(r->mutex);
-            r->logs.append(record);
-        });
+        commands.clear();
+        log = std::make_unique<LogCapture>();
         input = makeVideo(1, 0, 10000, "/in.mp4", 1.0, 10000);
         // A preview over 2000..3000 of the input, rendered at slow motion 2.
         preview = makeVideo(2, 2000, 1000, "/a.mp4", 2.0, 2000);
@@ -81,7 +113,7 @@ private slots:
 
     void cleanup()
     {
-        ConsoleLogger::setCaptureSink({});
+        log.reset();
         panes.clear();
     }
 
@@ -104,11 +136,9 @@ private slots:
         QVERIFY(!node->seekTo(position));
         QCOMPARE(node->truthTS.load(), qint64(7));
         QCOMPARE(calls, 0);
-        QVERIFY(recorder->commands.isEmpty());
+        QVERIFY(commands.of().isEmpty());
         // A refused seek says why.
-        QCOMPARE(std::count_if(recorder->logs.begin(), recorder->logs.end(),
-                               [](const auto &record) { return record.level == ConsoleLogger::Warn; }),
-                 1);
+        QCOMPARE(log->count(QString(), ConsoleLogger::Warn), 1);
         // The input's node has no pane and takes any position.
         auto in = makeNode(-1, nullptr);
         QVERIFY(in->seekTo(-1));
@@ -142,7 +172,7 @@ private slots:
         QCOMPARE(node->getTimestamp(), timestamp);
         QCOMPARE(node->mpvTS.load(), qint64(timestamp));
         QCOMPARE(node->truthTS.load(), truthAfter);
-        QVERIFY(recorder->commands.isEmpty());
+        QVERIFY(commands.of().isEmpty());
     }
 
     void timelineSync_data()
@@ -190,18 +220,15 @@ private slots:
         node->timeline->deletePreview(2);
         node->updateInfoFromVideo(node->currentVideo);
         mpv->load(mpvPath);
-        recorder->commands.clear();
+        commands.clear();
         node->truthTS = -7;
         node->timelineSyncEnabled = true;
 
         node->mpvTimelineSync(timePos, isEOF);
         QCOMPARE(node->truthTS.load(), truth);
         QCOMPARE(node->playbackIndex, index);
-        QStringList sent;
-        for (QStringList words : std::as_const(recorder->commands)) {
-            words.removeAll(QStringLiteral("-1")); // the playlist index of newer libmpv
-            sent << words.join(' ');
-        }
+        QStringList sent = commands.of();
+        sent.replaceInStrings(QStringLiteral(" -1 "), QStringLiteral(" ")); // the playlist index of newer libmpv
         QCOMPARE(sent, loaded.isEmpty() ? QStringList() : QStringList{loaded});
         if (!loaded.isEmpty())
             QCOMPARE(node->currentRange, node->playbackRanges[size_t(index)]);
@@ -229,12 +256,12 @@ private slots:
         left->slowMotion = 2.0f;
         in->setTimestamp(inputTs);
         manager.syncOne(0, false);
-        QCOMPARE(recorder->commands.isEmpty() ? QString() : recorder->commands.first().join(' '), sent);
+        QCOMPARE(commands.of().value(0), sent);
         // Views the manager does not hold are refused without a command.
-        recorder->commands.clear();
+        commands.clear();
         for (int view : {-1, 5})
             manager.resetOne(view, true);
-        QVERIFY(recorder->commands.isEmpty());
+        QVERIFY(commands.of().isEmpty());
     }
 
     void setInfosCallsBackOnlyOnChangeInsideTheLock()
@@ -295,6 +322,179 @@ private slots:
         QCOMPARE(left->getInfo(), preview->info);
         QCOMPARE(left->slowMotion, 2.0f);
         QCOMPARE(in->frameRange, (ViewNode::FrameRange{0, 9960}));
+    }
+
+    void seekIsSinglePrecisionLoadIsDouble()
+    {
+        // Past about four and a half hours a float no longer holds every millisecond.
+        const struct { qint64 ms; const char *seek, *load; } rows[] = {
+            {1480, "1.480000", "1.480000"},
+            {18000001, "18000.000000", "18000.001000"},
+            {36000003, "36000.003906", "36000.003000"}};
+        for (const auto &row : rows) {
+            QCOMPARE(QString::asprintf("%f", seekSeconds(row.ms)), QLatin1String(row.seek));
+            QCOMPARE(QString::asprintf("%f", loadSeconds(row.ms)), QLatin1String(row.load));
+        }
+    }
+
+    void fileTimeAndInputAxis()
+    {
+        QCOMPARE(fileToInput(500, 2.0f, 1000), qint64(1250));
+        QCOMPARE(inputToFile(1250, 1000, 2.0f), qint64(500));
+        QCOMPARE(fileToInput(100, 3.0f, 0), qint64(33)); // truncates
+        QCOMPARE(fileToInput(0, 1.0f, 7000), qint64(7000));
+        // A distance, not a difference: before the start it is still positive.
+        QCOMPARE(syncOnePosition(1500, 2000, 1.0f), qint64(500));
+        QCOMPARE(syncOnePosition(2100, 2000, 1.5f), qint64(150)); // the factor's fraction is kept
+    }
+
+    void framesAndSteps()
+    {
+        QCOMPARE(timestepMs(29.97), qint64(33));
+        QCOMPARE(frameFromMs(1001, 29.97), 30);
+        QCOMPARE(snapToFrameMs(1001, 29.97), 1001);
+        // Past half a frame rounds up, below it rounds down.
+        QCOMPARE(frameFromMs(1021, 25.0), 26);
+        QCOMPARE(snapToFrameMs(1021, 25.0), 1040);
+        QCOMPARE(frameFromMs(1019, 25.0), 25);
+        QCOMPARE(snapToFrameMs(1019, 25.0), 1000);
+        QCOMPARE(timestepMs(0.0), qint64(0)); // no rate
+        QCOMPARE(frameRange(0, 1000, 40), Range(0, 960));
+    }
+
+    void speedsAndZoom()
+    {
+        // The faster pane is slowed to the other's pace, whichever side it is.
+        QCOMPARE(paneSpeeds(2.0f, 1.0f).right, 0.5);
+        QCOMPARE(paneSpeeds(2.0f, 1.0f).left, 1.0);
+        QCOMPARE(paneSpeeds(1.0f, 4.0f).left, 0.25);
+        // mpv takes the zoom as a power of two, computed in 32 bits.
+        QCOMPARE(QString::asprintf("%f", double(zoomExponent(0.5))), QStringLiteral("-1.000000"));
+        QCOMPARE(QString::asprintf("%f", double(zoomExponent(3.0))), QStringLiteral("1.584962"));
+    }
+
+    void coalescing_data()
+    {
+        QTest::addColumn<QVariantList>("script");
+        QTest::addColumn<QList<QVariantMap>>("expected");
+
+        QTest::newRow("seeks collapse to the newest time with the first flags")
+            << QVariantList{seek(100, true, true), seek(200, false, false), seek(300, false, false)}
+            << QList<QVariantMap>{seek(300, true, true)};
+        QTest::newRow("a seek keeps its place among other requests")
+            << QVariantList{seek(100), request(Play), seek(200)}
+            << QList<QVariantMap>{seek(200), request(Play)};
+        QTest::newRow("a missing firstLoad counts as a switch")
+            << QVariantList{addInput(1), addInput(2)} << QList<QVariantMap>{addInput(2)};
+        QTest::newRow("two first loads are never merged")
+            << QVariantList{addInput(1, true), addInput(2, true)}
+            << QList<QVariantMap>{addInput(1, true), addInput(2, true)};
+        // The same path again in one view is dropped, in the other view or once popped it is taken.
+        QTest::newRow("open for preview")
+            << QVariantList{openForPreview(0, "/p.mp4"), openForPreview(0, "/p.mp4"), openForPreview(1, "/p.mp4"), popOne,
+                            openForPreview(0, "/p.mp4")}
+            << QList<QVariantMap>{openForPreview(1, "/p.mp4"), openForPreview(0, "/p.mp4")};
+        QTest::newRow("other types never merge")
+            << QVariantList{request(Play), request(Play), request(Refresh), request(ShowBlack)}
+            << QList<QVariantMap>{request(Play), request(Play), request(Refresh), request(ShowBlack)};
+        // Indexes are not rebased when the head leaves: a later seek writes its time
+        // into whatever now stands at the old position.
+        QTest::newRow("stale seek index writes into the next request")
+            << QVariantList{request(Play), seek(100), reload(1), popOne, seek(200)}
+            << QList<QVariantMap>{seek(100), [] {
+                                      QVariantMap r = reload(1);
+                                      r.insert("timestamp", 200);
+                                      return r;
+                                  }()};
+        QTest::newRow("stale reload index replaces another request whole")
+            << QVariantList{request(Play), reload(1), seek(100), popOne, reload(2)}
+            << QList<QVariantMap>{reload(1), reload(2)};
+        QTest::newRow("a popped first load leaves the switch slot pending")
+            << QVariantList{addInput(1, true), addInput(2, false), addInput(3, true), popOne, addInput(4, false)}
+            << QList<QVariantMap>{addInput(2, false), addInput(4, false)};
+        // The reload slot remembers index 2, past the end after two pops: the
+        // reload is kept (with a warning) and the next one, of another uid, merges into it.
+        QTest::newRow("stale index past the end appends")
+            << QVariantList{request(Play), request(Play), reload(1), popOne, popOne, reload(2), reload(3)}
+            << QList<QVariantMap>{reload(1), reload(3)};
+    }
+
+    void coalescing()
+    {
+        QFETCH(QVariantList, script);
+        QFETCH(QList<QVariantMap>, expected);
+        VPReqQueue queue;
+        for (const QVariant &step : script) {
+            if (step.isValid()) {
+                queue.push(step.toMap());
+            } else {
+                QVariantMap popped;
+                QVERIFY(queue.pop(popped));
+            }
+        }
+        QCOMPARE(drain(queue), expected);
+    }
+
+    void randomProducerAndConsumer_data()
+    {
+        QTest::addColumn<bool>("seeksOnly");
+        QTest::newRow("mixed requests") << false;
+        QTest::newRow("scrubbing") << true;
+    }
+
+    void randomProducerAndConsumer()
+    {
+        QFETCH(bool, seeksOnly);
+        constexpr int pushes = 20000;
+        const quint32 seed = QRandomGenerator::global()->generate();
+        qInfo() << "seed" << seed;
+        VPReqQueue queue;
+        QList<QVariantMap> received;
+        std::thread consumer([&] {
+            QVariantMap next;
+            while (queue.pop(next) && next.value(QStringLiteral("type")).toInt() != Close)
+                received.append(next);
+        });
+        QRandomGenerator random(seed);
+        for (int i = 0; i < pushes; ++i) {
+            switch (seeksOnly ? 0 : random.bounded(6)) {
+            case 0: queue.push(seek(i)); break;
+            case 1: queue.push(reload(i)); break;
+            case 2: queue.push(addInput(i, random.bounded(2) == 0)); break;
+            case 3: queue.push(openForPreview(int(random.bounded(2)), QStringLiteral("/p%1").arg(random.bounded(4)))); break;
+            default: queue.push(request(Play, {{"seq", i}})); break;
+            }
+        }
+        queue.push(request(Close));
+        consumer.join();
+        // When scrubbing no index goes stale: times only grow and the newest
+        // one always arrives. Among mixed requests the plain ones that survive
+        // keep their order.
+        const QString key = seeksOnly ? QStringLiteral("timestamp") : QStringLiteral("seq");
+        qint64 last = -1;
+        for (const QVariantMap &r : std::as_const(received)) {
+            if (!r.contains(key))
+                continue;
+            QVERIFY(r.value(key).toLongLong() > last);
+            last = r.value(key).toLongLong();
+        }
+        if (seeksOnly)
+            QCOMPARE(last, qint64(pushes - 1));
+    }
+
+    void aRequestInHandIsNotIdle()
+    {
+        VPReqQueue queue;
+        QVERIFY(queue.idle());
+        queue.push(request(Play));
+        QVERIFY(!queue.idle());
+        QVariantMap out;
+        QVERIFY(queue.pop(out));
+        // Empty, but the worker has not done it yet.
+        QVERIFY(queue.empty());
+        QVERIFY(!queue.idle());
+        queue.finished();
+        QVERIFY(queue.idle());
     }
 };
 

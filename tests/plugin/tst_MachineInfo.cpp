@@ -22,7 +22,6 @@ private slots:
         QTest::newRow("no GPU found: 2 GiB") << 128.0f << 2.0f << 1;
         QTest::newRow("GPU memory unknown") << 64.0f << 0.0f << 1;
         QTest::newRow("GPU memory NaN") << 64.0f << std::numeric_limits<float>::quiet_NaN() << 1;
-        QTest::newRow("memory negative") << -1.0f << 8.0f << 1;
         QTest::newRow("memory infinite") << std::numeric_limits<float>::infinity() << 8.0f << 1;
     }
 

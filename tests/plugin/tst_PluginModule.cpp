@@ -50,6 +50,18 @@ private slots:
         QCOMPARE(root->property("chunked").toInt(), 2);
     }
 
+    // JavaScript numbers reach the timecode methods as the C++ tests give them.
+    void timecodeMethodsTakeJavaScriptNumbers()
+    {
+        std::unique_ptr<QObject> root(create("import QtQml\nimport kutils 1.0\nQtObject {\n"
+                                             " property var k: KUtils {}\n"
+                                             " property string label: k.convertMsecToSmpte(60060, 29.97)\n"
+                                             " property int ms: k.convertFrameCountToMsec(16777217, 30) }"));
+        QVERIFY(root);
+        QCOMPARE(root->property("label").toString(), QStringLiteral("00:01:00;02"));
+        QCOMPARE(root->property("ms").toInt(), 559240533);
+    }
+
     void qmldirResourceIsByteExact()
     {
         std::unique_ptr<QObject> root(create("import QtQml\nimport kutils 1.0\nQtObject {}"));

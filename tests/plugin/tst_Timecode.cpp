@@ -2,8 +2,7 @@
 
 #include <QtTest>
 
-// Timecode arithmetic through the C++ face of KUtils. The QML face is checked
-// against the same values in tst_TimecodeQml.
+// Timecode arithmetic through the C++ face of KUtils; tst_PluginModule calls it from QML.
 class TimecodeTest : public QObject
 {
     Q_OBJECT
@@ -16,7 +15,6 @@ private slots:
         QTest::addColumn<QString>("expected");
 
         QTest::newRow("minute 1 skips ;00 and ;01") << 60060 << 29.97 << "00:01:00;02";
-        QTest::newRow("next label after the skip") << 60100 << 29.97 << "00:01:00;03";
         QTest::newRow("no skip at a tenth minute") << 600000 << 29.97 << "00:10:00;00";
         QTest::newRow("23.976 drops one label a minute") << 1001 << 23.976 << "00:00:01;00";
         QTest::newRow("zero rate means 30 non-drop") << 500 << 0.0 << "00:00:00:15";

@@ -118,7 +118,8 @@ CloudService::~CloudService()
     m_faults.stop();
     for (httplib::Server *server : {static_cast<httplib::Server *>(m_video.get()), static_cast<httplib::Server *>(m_videoStaging.get()),
                                     static_cast<httplib::Server *>(m_account.get()), static_cast<httplib::Server *>(m_accountStaging.get()),
-                                    static_cast<httplib::Server *>(m_storage.get()), &m_control})
+                                    static_cast<httplib::Server *>(m_storage.get()), static_cast<httplib::Server *>(m_files.get()),
+                                    &m_control})
         if (server)
             server->stop();
     for (std::thread &thread : m_listeners)
@@ -154,6 +155,10 @@ json CloudService::start()
     routeAccount(*m_accountStaging, "accountStaging", true);
     routeStorage(*m_storage);
     routeControl(m_control);
+    if (!m_options.filesDir.empty()) {
+        m_files = makeServer();
+        routeFiles(*m_files);
+    }
 
     json ready = {{"caBundle", ca.caCert},
                   {"token", m_options.token},
@@ -175,6 +180,8 @@ json CloudService::start()
     listen(*m_accountStaging, "accountStaging", "https");
     m_storagePort = listen(*m_storage, "storage", "https");
     listen(m_control, "control", "http");
+    if (m_files)
+        listen(*m_files, "files", "https");
     return ready;
 }
 
@@ -209,7 +216,8 @@ void CloudService::serve(const std::string &server, const std::string &call, con
     json entry = {{"server", server}, {"call", call}, {"method", req.method}, {"path", req.path},
                   {"job", job ? job->id : std::string()}};
     json headers = json::object();
-    for (const char *name : {"Authorization", "x-api-key", "Content-Type", "x-desktop-app-version"})
+    for (const char *name : {"Authorization", "x-api-key", "Content-Type", "x-desktop-app-version", "Range", "Host",
+                             "Accept-Encoding"})
         if (req.has_header(name))
             headers[name] = req.get_header_value(name);
     entry["headers"] = headers;
@@ -230,8 +238,16 @@ void CloudService::serve(const std::string &server, const std::string &call, con
         m_faults.hold();
     if (kind == "status") {
         res.status = fault->status;
-        res.set_content(fault->body, fault->body.starts_with("<") ? "application/xml" : kJson);
+        // httplib would cut any body to the requested range, and answer 416 for
+        // a range past it: a ranged call gets the status alone.
+        if (req.ranges.empty() || !fault->body.empty())
+            res.set_content(fault->body, fault->body.starts_with("<") ? "application/xml" : kJson);
         return;
+    }
+    if (kind == "ignoreRange") {
+        // A server that does not do ranges: the whole file, 200. The request
+        // object is the server's own and not const; only the handler sees it so.
+        const_cast<httplib::Request &>(req).ranges.clear();
     }
     if (kind == "drop") {
         dropConnection(req.remote_port);
@@ -255,8 +271,11 @@ void CloudService::serve(const std::string &server, const std::string &call, con
                                          return sink.write(body->data() + offset, std::min(length, body->size() - offset));
                                      });
         }
-        // The declared length stays; the connection ends at half of it.
-        const size_t half = res.content_length_ / 2;
+        // The declared length stays; the connection ends at half of it, or at
+        // half of the one range asked for.
+        size_t half = res.content_length_ / 2;
+        if (req.ranges.size() == 1 && req.ranges[0].first >= 0 && req.ranges[0].second >= req.ranges[0].first)
+            half = static_cast<size_t>(req.ranges[0].first + (req.ranges[0].second - req.ranges[0].first + 1) / 2);
         res.content_provider_ = [inner = res.content_provider_, half](size_t offset, size_t length,
                                                                       httplib::DataSink &sink) {
             if (offset >= half)
@@ -531,6 +550,28 @@ void CloudService::finishUpload(const JobPtr &job)
             job->status = "failed";
             job->message = "The render failed.";
         }
+    });
+}
+
+void CloudService::routeFiles(httplib::Server &server)
+{
+    // GET routes take HEAD as well: the length and ETag come without the body.
+    server.Get(R"(/(.+))", [this](const httplib::Request &req, httplib::Response &res) {
+        serve("files", "file", req, res, nullptr, [this](const auto &req, auto &res, const JobPtr &) {
+            const std::string name = req.matches[1];
+            const fs::path path = fs::path(m_options.filesDir) / name;
+            std::error_code error;
+            if (name.find("..") != std::string::npos || !fs::is_regular_file(path, error)) {
+                res.status = 404;
+                if (req.ranges.empty())
+                    res.set_content("<Error><Code>NoSuchKey</Code></Error>", "application/xml");
+                return;
+            }
+            const auto size = fs::file_size(path, error);
+            const auto stamp = fs::last_write_time(path, error).time_since_epoch().count();
+            res.set_header("ETag", "\"" + std::to_string(size) + "-" + std::to_string(stamp) + "\"");
+            streamFile(res, path.string(), "application/octet-stream");
+        });
     });
 }
 

@@ -24,11 +24,14 @@ struct ServiceOptions
     std::string apiKeyProduction = "standin-key-production";
     std::string apiKeyStaging = "standin-key-staging";
     int pollsBeforeComplete = 2;  // status answers that still say "processing"
+    std::string filesDir;         // served read-only by the model host; empty: no model host
 };
 
 // The rendering service on loopback: video API and account API (each with a
 // staging listener), storage, and a plain-HTTP control listener that arms
-// faults, releases held calls, and serves the request log.
+// faults, releases held calls, and serves the request log. With a files folder
+// it is also the model host: GET and HEAD of the files in it, ranges included
+// (call "file").
 class CloudService
 {
 public:
@@ -60,6 +63,7 @@ private:
     void routeAccount(httplib::Server &server, const std::string &name, bool staging);
     void routeStorage(httplib::Server &server);
     void routeControl(httplib::Server &server);
+    void routeFiles(httplib::Server &server);
 
     // Logs the call, applies its fault, and runs the route unless the fault answers.
     void serve(const std::string &server, const std::string &call, const httplib::Request &req,
@@ -72,7 +76,7 @@ private:
 
     ServiceOptions m_options;
     FaultTable m_faults;
-    std::unique_ptr<httplib::SSLServer> m_video, m_videoStaging, m_account, m_accountStaging, m_storage;
+    std::unique_ptr<httplib::SSLServer> m_video, m_videoStaging, m_account, m_accountStaging, m_storage, m_files;
     httplib::Server m_control;
     std::vector<std::thread> m_listeners;
     std::vector<std::thread> m_renders;

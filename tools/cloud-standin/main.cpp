@@ -3,8 +3,11 @@
 // and runs until its standard input closes.
 //
 //   cloud-standin --dir DIR [--chunk-size BYTES] [--render FILTER | --result FILE]
-//                 [--polls N] [--config-out FILE [--config-base FILE]]
+//                 [--polls N] [--files DIR [--model-password TEXT]]
+//                 [--config-out FILE [--config-base FILE]]
 //
+// --files DIR also starts the model host, serving the files of DIR; the
+// configuration then names it, with the password of its model files.
 // --config-out writes the client's configuration file (endpoints, keys and
 // caBundle, over the keys of --config-base) for KUTILS_CONFIG_FILE.
 #include "CloudService.h"
@@ -18,7 +21,7 @@
 int main(int argc, char **argv)
 {
     ServiceOptions options;
-    std::string configOut, configBase;
+    std::string configOut, configBase, modelPassword;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string flag = argv[i], value = argv[i + 1];
         if (flag == "--dir")
@@ -33,6 +36,10 @@ int main(int argc, char **argv)
             configOut = value;
         else if (flag == "--config-base")
             configBase = value;
+        else if (flag == "--files")
+            options.filesDir = value;
+        else if (flag == "--model-password")
+            modelPassword = value;
         else if (flag == "--polls")
             options.pollsBeforeComplete = std::stoi(value);
         else {
@@ -61,6 +68,10 @@ int main(int argc, char **argv)
             config["cloudApiKeyProduction"] = ready["apiKeyProduction"];
             config["cloudApiKeyStaging"] = ready["apiKeyStaging"];
             config["caBundle"] = ready["caBundle"];
+            if (ready.contains("files"))
+                config["modelHost"] = ready["files"];
+            if (!modelPassword.empty())
+                config["modelPassword"] = modelPassword;
             std::ofstream(configOut) << config.dump(2) << '\n';
         }
         std::cout << ready.dump() << std::endl;

@@ -1,0 +1,478 @@
+#include "FrameHashes.h"
+#include "VideoioMedia.h"
+
+#include "videoio/DelayedDeleter.h"
+#include "videoio/FFReader.h"
+#include "videoio/FFReaderUtils.h"
+#include "videoio/FrameConverter.h"
+#include "videoio/Reader.h"
+#include "videoio/ThumbnailImageProvider.h"
+#include "videoio/ThumbnailStore.h"
+#include "videoio/VideoManager.h"
+
+#include <QFile>
+#include <QSize>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <opencv2/core.hpp>
+
+#include <vector>
+
+using namespace videoio;
+using namespace videoio::testing;
+
+namespace {
+
+ff::FramePtr makeFrame(AVPixelFormat format, int width, int height)
+{
+    ff::FramePtr frame = ff::makeFrame();
+    frame->format = format;
+    frame->width = width;
+    frame->height = height;
+    if (av_frame_get_buffer(frame.get(), 0) < 0)
+        return {};
+    // Mid grey in every plane: a valid picture in any of the formats used.
+    for (int p = 0; p < AV_NUM_DATA_POINTERS && frame->data[p]; ++p) {
+        const int rows = (p == 0 || format == AV_PIX_FMT_YUV444P || format == AV_PIX_FMT_GBRP) ? height
+                                                                                              : (height + 1) / 2;
+        std::fill_n(frame->data[p], static_cast<size_t>(frame->linesize[p]) * rows, uint8_t(0x80));
+    }
+    return frame;
+}
+
+} // namespace
+
+// The video I/O layer on real media that ffmpeg makes here: the reader, its
+// utilities, the shared readers, thumbnails and deferred deletion, and the
+// picture conversion on frames made in memory.
+class tst_Videoio : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    QString path(const QString &name) const { return m_dir.filePath(name); }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        const QStringList bframes{QStringLiteral("-bf"), QStringLiteral("3"), QStringLiteral("-g"), QStringLiteral("30")};
+        QCOMPARE(makeH264(path("plain.mp4"), 90, {"-bf", "0", "-g", "30"}), QString());
+        QCOMPARE(makeH264(path("bframes.mp4"), 90, bframes), QString());
+        QCOMPARE(makeH264(path("opengop.mp4"), 90,
+                          {"-bf", "3", "-x264-params", "open-gop=1:keyint=30:min-keyint=30:scenecut=0"}),
+                 QString());
+        QCOMPARE(makeH264(path("bframes.ts"), 90, bframes + QStringList{"-f", "mpegts"}), QString());
+        // The rotation tag only turns into a display matrix on a stream copy.
+        QCOMPARE(makeH264(path("upright.mp4"), 30), QString());
+        QCOMPARE(makeMedia({"-i", path("upright.mp4"), "-c", "copy", "-metadata:s:v:0", "rotate=90"}, path("rotated.mp4")),
+                 QString());
+        QCOMPARE(makeH264(path("anamorphic.mp4"), 30, {"-vf", "setsar=4/3"}), QString());
+        QCOMPARE(makeMedia(patternInput("642x360", 30) + QStringList{"-c:v", "libx264", "-pix_fmt", "yuv420p"},
+                           path("odd.mp4")),
+                 QString());
+        QVERIFY(QDir().mkpath(path("seq")));
+        QCOMPARE(makeMedia(patternInput("160x120", 12) + QStringList{"-start_number", "1001"},
+                           path("seq/frame_%06d.png")),
+                 QString());
+        QFile garbage(path("garbage.mp4"));
+        QVERIFY(garbage.open(QIODevice::WriteOnly));
+        garbage.write(QByteArray(4096, 'x'));
+        // Intra-only parts cut cleanly at any frame; the two parts show
+        // different pictures so that the join can be seen in the hashes.
+        const QStringList intra{"-g", "1", "-bf", "0"};
+        QCOMPARE(makeH264(path("a.mp4"), 20, intra), QString());
+        QCOMPARE(makeMedia(QStringList{"-f", "lavfi", "-i", "testsrc=size=320x240:rate=30", "-frames:v", "10",
+                                       "-c:v", "libx264", "-pix_fmt", "yuv420p", "-preset", "veryfast"} + intra,
+                           path("b.mp4")),
+                 QString());
+        QCOMPARE(makeMedia(patternInput("640x480", 10) + QStringList{"-c:v", "libx264", "-pix_fmt", "yuv420p"},
+                           path("large.mp4")),
+                 QString());
+        QCOMPARE(makeMedia(patternInput("320x240", 10) + QStringList{"-c:v", "mpeg4"}, path("mpeg4.mp4")), QString());
+        QCOMPARE(makeH264(path("b.ts"), 45, {"-bf", "2", "-f", "mpegts"}), QString());
+    }
+
+    void seeksLandOnTheFramesOfASequentialDecode_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<int>("frames");
+        QTest::newRow("h264 mp4 with B-frames") << "bframes.mp4" << 90;
+        QTest::newRow("h264 open GOP") << "opengop.mp4" << 90;
+        QTest::newRow("MPEG-TS") << "bframes.ts" << 90;
+        QTest::newRow("odd width 642") << "odd.mp4" << 30;
+        QTest::newRow("PNG sequence from 1001") << "seq/frame_%06d.png" << 12;
+    }
+    void seeksLandOnTheFramesOfASequentialDecode()
+    {
+        QFETCH(QString, file);
+        QFETCH(int, frames);
+        const Decoded all = decodeAll(path(file));
+        QCOMPARE(all.hashes.size(), frames);
+        // The fixture must tell frames apart, or a wrong frame would pass.
+        QCOMPARE(QSet<QByteArray>(all.hashes.cbegin(), all.hashes.cend()).size(), frames);
+        QCOMPARE(all.positions.first(), 0);
+
+        FFReader reader(path(file));
+        QVERIFY(reader.isOpen());
+        // Backwards across key frames, forwards in jumps, single steps back,
+        // then a shuffled walk: every way of arriving must give the same frame.
+        QList<int> order;
+        for (int i = frames - 1; i >= 0; i -= 7)
+            order << i;
+        for (int i = 0; i < frames; i += 11)
+            order << i;
+        for (int i = frames - 1; i > frames - 5; --i)
+            order << i;
+        QList<int> shuffled;
+        for (int i = 0; i < frames; ++i)
+            shuffled << (i * 37 + 11) % frames;
+        order += shuffled;
+        for (int index : std::as_const(order)) {
+            QVERIFY(reader.seek(all.positions[index], false));
+            QCOMPARE(reader.position(), all.positions[index]);
+            QVERIFY2(frameHash(reader) == all.hashes[index], qPrintable(QStringLiteral("frame %1").arg(index)));
+        }
+        // Between two frames the earlier one is shown.
+        const int middle = frames / 2;
+        QVERIFY(reader.seek(all.positions[middle] + 5, false));
+        QCOMPARE(frameHash(reader), all.hashes[middle]);
+        // Stepping after a seek goes on from the frame sought.
+        QVERIFY(reader.next());
+        QCOMPARE(frameHash(reader), all.hashes[middle + 1]);
+        QVERIFY(reader.previous());
+        QVERIFY(reader.previous());
+        QCOMPARE(frameHash(reader), all.hashes[middle - 1]);
+        QVERIFY(reader.last());
+        QCOMPARE(frameHash(reader), all.hashes.last());
+        QVERIFY(reader.isEOF());
+        QVERIFY(!reader.next());
+        QVERIFY(reader.isEOF());
+        QVERIFY(reader.first());
+        QCOMPARE(frameHash(reader), all.hashes.first());
+        QVERIFY(!reader.isEOF());
+    }
+
+    void infoMapDescribesTheFile_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QSize>("originalSize");
+        QTest::addColumn<QSize>("size");
+        QTest::addColumn<int>("rotation");
+        QTest::addColumn<double>("sar");
+        QTest::addColumn<qlonglong>("duration");
+        QTest::addColumn<bool>("isImageSequence");
+        QTest::newRow("quarter turn counter-clockwise")
+            << "rotated.mp4" << QSize(320, 240) << QSize(240, 320) << 2 << 1.0 << 1000LL << false;
+        QTest::newRow("anamorphic 4:3 pixels")
+            << "anamorphic.mp4" << QSize(320, 240) << QSize(426, 240) << 3 << 4.0 / 3.0 << 1000LL << false;
+        QTest::newRow("image sequence")
+            << "seq/frame_%06d.png" << QSize(160, 120) << QSize(160, 120) << 3 << 1.0 << 400LL << true;
+        QTest::newRow("MPEG-TS") << "bframes.ts" << QSize(320, 240) << QSize(320, 240) << 3 << 1.0 << 3000LL << false;
+    }
+    void infoMapDescribesTheFile()
+    {
+        QFETCH(QString, file);
+        QFETCH(QSize, originalSize);
+        QFETCH(QSize, size);
+        QFETCH(int, rotation);
+        QFETCH(double, sar);
+        QFETCH(qlonglong, duration);
+        QFETCH(bool, isImageSequence);
+        FFReader reader(path(file));
+        QVERIFY(reader.isOpen());
+        const QVariantMap info = reader.getInfo();
+        QCOMPARE(info["originalSize"].toSize(), originalSize);
+        QCOMPARE(info["size"].toSize(), size);
+        QCOMPARE(info["rotation"].toInt(), rotation);
+        QVERIFY(qFuzzyCompare(info["sar"].toDouble(), sar));
+        QCOMPARE(info["fps"].toDouble(), 30.0);
+        QVERIFY2(qAbs(info["duration"].toLongLong() - duration) <= 34, qPrintable(info["duration"].toString()));
+        QCOMPARE(info["isImageSequence"].toBool(), isImageSequence);
+    }
+
+    void thumbnailsAreUprightAndSized_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<float>("edge");
+        QTest::addColumn<int>("cols");
+        QTest::addColumn<int>("rows");
+        QTest::newRow("never enlarged") << "plain.mp4" << 380.0f << 320 << 240;
+        QTest::newRow("long edge 380") << "odd.mp4" << 380.0f << 380 << 213;
+        QTest::newRow("rotated stands upright") << "rotated.mp4" << 380.0f << 240 << 320;
+        QTest::newRow("pixel aspect applied") << "anamorphic.mp4" << 380.0f << 380 << 214;
+        QTest::newRow("thin picture keeps the minimum edge") << "odd.mp4" << 40.0f << 40 << 30;
+    }
+    void thumbnailsAreUprightAndSized()
+    {
+        QFETCH(QString, file);
+        QFETCH(float, edge);
+        QFETCH(int, cols);
+        QFETCH(int, rows);
+        FFReader reader(path(file));
+        QVERIFY(reader.seek(500, false));
+        const qlonglong before = reader.position();
+        const QByteArray shown = frameHash(reader);
+        const cv::Mat thumb = reader.thumbnail(edge, 30, 0);
+        QCOMPARE(thumb.type(), CV_8UC3);
+        QCOMPARE(thumb.cols, cols);
+        QCOMPARE(thumb.rows, rows);
+        // Taking a thumbnail elsewhere leaves the reader where it stood.
+        QCOMPARE(reader.position(), before);
+        QCOMPARE(frameHash(reader), shown);
+    }
+
+    void unreadableFilesLeaveAClosedReader_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::newRow("missing") << "nothing-here.mp4";
+        QTest::newRow("not a video") << "garbage.mp4";
+        QTest::newRow("sequence without frames") << "seq/none_%04d.png";
+    }
+    void unreadableFilesLeaveAClosedReader()
+    {
+        QFETCH(QString, file);
+        FFReader reader(file.isEmpty() ? QString() : path(file));
+        QVERIFY(!reader.isOpen());
+        QVERIFY(!reader.frame());
+        QVERIFY(!reader.seek(100, false));
+        QVERIFY(!reader.next());
+        QVERIFY(!reader.last());
+        QVERIFY(reader.thumbnail(380.0f, 30, 0).empty());
+    }
+
+    void durationsAndCounts_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<qint64>("duration");
+        QTest::addColumn<qint64>("from");
+        QTest::addColumn<int>("frames");
+        QTest::newRow("mp4, from 300 ms") << "a.mp4" << qint64(667) << qint64(300) << 11;
+        QTest::newRow("MPEG-TS with B-frames") << "b.ts" << qint64(1500) << qint64(0) << 45;
+        QTest::newRow("missing") << "none.mp4" << qint64(0) << qint64(0) << 0;
+    }
+    void durationsAndCounts()
+    {
+        QFETCH(QString, file);
+        QFETCH(qint64, duration);
+        QFETCH(qint64, from);
+        QFETCH(int, frames);
+        QVERIFY(qAbs(FFReaderUtils::getDuration(path(file)) - duration) <= 34);
+        QCOMPARE(FFReaderUtils::countFrames(path(file), from), size_t(frames));
+    }
+
+    void concatenationGivesTheFramesOfBoth_data()
+    {
+        QTest::addColumn<int>("cut");
+        QTest::addColumn<int>("kept");
+        QTest::newRow("all of the former") << 0 << 20;
+        QTest::newRow("cut after 12 frames") << 12 << 12;
+    }
+    void concatenationGivesTheFramesOfBoth()
+    {
+        QFETCH(int, cut);
+        QFETCH(int, kept);
+        const QList<QByteArray> a = decodeAll(path("a.mp4")).hashes;
+        const QList<QByteArray> b = decodeAll(path("b.mp4")).hashes;
+        QCOMPARE(a.size(), 20);
+        QCOMPARE(b.size(), 10);
+        const QString out = path(QStringLiteral("joined-%1.mp4").arg(cut));
+        QVERIFY(FFReaderUtils::concat(out, path("a.mp4"), path("b.mp4"), size_t(cut)));
+        QCOMPARE(decodeAll(out).hashes, a.mid(0, kept) + b);
+        QCOMPARE(FFReaderUtils::countFrames(out, 0), size_t(kept + 10));
+        QVERIFY(qAbs(FFReaderUtils::getDuration(out) - (kept + 10) * 1000 / 30) <= 34);
+    }
+
+    void incompatibleInputsAreRefused_data()
+    {
+        QTest::addColumn<QString>("latter");
+        QTest::newRow("other size") << "large.mp4";
+        QTest::newRow("other codec") << "mpeg4.mp4";
+    }
+    void incompatibleInputsAreRefused()
+    {
+        QFETCH(QString, latter);
+        const QString out = path("refused.mp4");
+        QVERIFY(!FFReaderUtils::concat(out, path("a.mp4"), path(latter), 0));
+        QVERIFY(!QFile::exists(out));
+    }
+
+    void readersAreSharedPerPathUntilRemoved()
+    {
+        VideoManager &manager = VideoManager::GetInstance();
+        const auto a = VideoManager::GetReader(path("plain.mp4"));
+        const auto b = VideoManager::GetReader(path("plain.mp4"));
+        QCOMPARE(a, b);
+        QVERIFY(a->isOpen());
+        QVERIFY(VideoManager::GetNewReader(path("plain.mp4")) != a);
+
+        manager.updateVideoInfo(path("plain.mp4"), {{"isTelecined", true}});
+        QVERIFY(a->getInfo()["isTelecined"].toBool());
+
+        // Dropping without closing leaves the holders a working reader.
+        manager.remove(path("plain.mp4"), false);
+        QVERIFY(a->isOpen());
+        const auto c = VideoManager::GetReader(path("plain.mp4"));
+        QVERIFY(c != a);
+        manager.remove(path("plain.mp4"), true);
+        QVERIFY(!c->isOpen());
+
+        const auto d = VideoManager::GetReader(path("plain.mp4"));
+        manager.removeAll();
+        QVERIFY(!d->isOpen());
+        QCOMPARE(manager.count(), 0);
+    }
+
+    void deletionWaitsForTheLastReader()
+    {
+        QVERIFY(QFile::copy(path("plain.mp4"), path("held.mp4")));
+        auto reader = VideoManager::GetNewReader(path("held.mp4"));
+        QVERIFY(reader->isOpen());
+        DelayedDeleter::DeleteLater(path("held.mp4"), 0);
+        // Still there while held: wait until the deleter has looked at least
+        // once, which a second file queued behind it tells.
+        QVERIFY(QFile::copy(path("plain.mp4"), path("free.mp4")));
+        DelayedDeleter::DeleteLater(path("free.mp4"), 0);
+        QTRY_VERIFY(!QFile::exists(path("free.mp4")));
+        QVERIFY(QFile::exists(path("held.mp4")));
+        reader.reset();
+        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(path("held.mp4")), 5000);
+    }
+
+    void deleteNowRemovesFilesFoldersAndSequences_data()
+    {
+        QTest::addColumn<QStringList>("files");
+        QTest::addColumn<QString>("target");
+        QTest::newRow("file") << QStringList{"x/one.txt"} << "x/one.txt";
+        QTest::newRow("folder") << QStringList{"y/a.txt", "y/z/b.txt"} << "y";
+        QTest::newRow("sequence") << QStringList{"s/f_0001.png", "s/f_0002.png"} << "s/f_%04d.png";
+    }
+    void deleteNowRemovesFilesFoldersAndSequences()
+    {
+        QFETCH(QStringList, files);
+        QFETCH(QString, target);
+        for (const QString &file : files) {
+            QDir().mkpath(QFileInfo(path(file)).path());
+            QFile f(path(file));
+            QVERIFY(f.open(QIODevice::WriteOnly));
+        }
+        QVERIFY(DelayedDeleter::DeleteNow(path(target)));
+        for (const QString &file : files)
+            QVERIFY(!QFile::exists(path(file)));
+    }
+
+    void thumbnailsLiveInMemoryAndOnDisk()
+    {
+        ThumbnailStore &store = ThumbnailStore::GetInstance();
+        auto reader = VideoManager::GetNewReader(path("plain.mp4"));
+        const cv::Mat picture = reader->thumbnail(380.0f, 30, 0);
+        const auto [ok, file] = store.add("t1", path("thumbs"), picture);
+        QVERIFY(ok);
+        QCOMPARE(file, path("thumbs/t1.jpg"));
+        QCOMPARE(QImage(file).size(), QSize(320, 240));
+
+        ThumbnailImageProvider provider;
+        QSize size;
+        QCOMPARE(provider.requestImage("t1", &size, QSize()).size(), QSize(320, 240));
+        QCOMPARE(size, QSize(320, 240));
+        QCOMPARE(provider.requestImage("t1?refresh=2", &size, QSize(160, 160)).size(), QSize(160, 120));
+
+        const auto [memoryOnly, noFile] = store.add("t2", QString(), picture);
+        QVERIFY(memoryOnly);
+        QVERIFY(noFile.isEmpty());
+        QVERIFY(!store.add("t3", path("thumbs"), cv::Mat()).first);
+
+        store.remove("t1");
+        QVERIFY(!QFile::exists(file));
+        QVERIFY(provider.requestImage("t1", &size, QSize()).isNull());
+        store.removeAll();
+        QVERIFY(store.image("t2").isNull());
+    }
+
+    // A conversion into a tightly packed buffer must not touch one byte past
+    // its last row, whatever the width: the guard is what lets frames be
+    // converted straight into a QVideoFrame.
+    void conversionsStayInsideTheirBuffer_data()
+    {
+        QTest::addColumn<int>("source");
+        QTest::addColumn<int>("target");
+        QTest::addColumn<int>("width");
+        QTest::addColumn<int>("height");
+        const QList<QPair<const char *, AVPixelFormat>> sources{
+            {"yuv420p", AV_PIX_FMT_YUV420P}, {"yuvj420p", AV_PIX_FMT_YUVJ420P}, {"yuv422p", AV_PIX_FMT_YUV422P},
+            {"yuv444p", AV_PIX_FMT_YUV444P}, {"nv12", AV_PIX_FMT_NV12}, {"rgb24", AV_PIX_FMT_RGB24}};
+        const QList<QPair<const char *, AVPixelFormat>> targets{{"rgb0", AV_PIX_FMT_RGB0},
+                                                                {"bgr24", AV_PIX_FMT_BGR24}};
+        for (const auto &[sname, s] : sources) {
+            for (const auto &[tname, t] : targets) {
+                for (const int width : {642, 17, 2, 1922}) {
+                    QTest::addRow("%s to %s, %d wide", sname, tname, width) << int(s) << int(t) << width << 36;
+                }
+            }
+        }
+    }
+    void conversionsStayInsideTheirBuffer()
+    {
+        QFETCH(int, source);
+        QFETCH(int, target);
+        QFETCH(int, width);
+        QFETCH(int, height);
+        const ff::FramePtr frame = makeFrame(AVPixelFormat(source), width, height);
+        QVERIFY(frame);
+        const int bytesPerPixel = target == AV_PIX_FMT_RGB0 ? 4 : 3;
+        const int stride = width * bytesPerPixel;
+        constexpr size_t kGuard = 256;
+        std::vector<uint8_t> buffer(static_cast<size_t>(stride) * height + kGuard, 0xA5);
+        FrameConverter converter;
+        QVERIFY(converter.convert(frame.get(), buffer.data(), stride, width, height, AVPixelFormat(target)));
+        for (size_t i = buffer.size() - kGuard; i < buffer.size(); ++i)
+            QVERIFY2(buffer[i] == 0xA5, qPrintable(QStringLiteral("written %1 bytes past the end")
+                                                       .arg(i - (buffer.size() - kGuard) + 1)));
+    }
+
+    void theYuvMatrixFollowsTheTagOrTheSize_data()
+    {
+        QTest::addColumn<int>("colorspace");
+        QTest::addColumn<int>("height");
+        QTest::addColumn<int>("matrix");
+        QTest::newRow("untagged HD is BT.709") << int(AVCOL_SPC_UNSPECIFIED) << 720 << SWS_CS_ITU709;
+        QTest::newRow("untagged SD is BT.601") << int(AVCOL_SPC_UNSPECIFIED) << 576 << SWS_CS_ITU601;
+        QTest::newRow("tagged SD BT.709 stays") << int(AVCOL_SPC_BT709) << 480 << SWS_CS_ITU709;
+        QTest::newRow("tagged HD BT.601 stays") << int(AVCOL_SPC_SMPTE170M) << 1080 << SWS_CS_ITU601;
+        QTest::newRow("BT.2020") << int(AVCOL_SPC_BT2020_NCL) << 2160 << SWS_CS_BT2020;
+    }
+    void theYuvMatrixFollowsTheTagOrTheSize()
+    {
+        QFETCH(int, colorspace);
+        QFETCH(int, height);
+        QFETCH(int, matrix);
+        ff::FramePtr frame = ff::makeFrame();
+        frame->height = height;
+        frame->colorspace = AVColorSpace(colorspace);
+        QCOMPARE(FrameConverter::sourceMatrix(frame.get()), matrix);
+    }
+
+    // Pure red in limited-range BT.709 YUV must come out as red on the HD path.
+    void hdRedComesOutRed()
+    {
+        ff::FramePtr frame = makeFrame(AV_PIX_FMT_YUV420P, 1280, 720);
+        QVERIFY(frame);
+        const auto fill = [&](int plane, uint8_t value, int rows) {
+            std::fill_n(frame->data[plane], static_cast<size_t>(frame->linesize[plane]) * rows, value);
+        };
+        fill(0, 63, 720);
+        fill(1, 102, 360);
+        fill(2, 240, 360);
+        FrameConverter converter;
+        const cv::Mat bgr = converter.toBgr(frame.get(), 64, 36);
+        QVERIFY(!bgr.empty());
+        const cv::Vec3b pixel = bgr.at<cv::Vec3b>(10, 10);
+        QVERIFY2(pixel[2] >= 250 && pixel[1] <= 6 && pixel[0] <= 6,
+                 qPrintable(QStringLiteral("%1 %2 %3").arg(pixel[2]).arg(pixel[1]).arg(pixel[0])));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Videoio)
+#include "tst_Videoio.moc"
