@@ -41,6 +41,20 @@ void wake(std::mutex &mutex, std::condition_variable &cv)
     cv.notify_all();
 }
 
+// The wait of every loop: false once the watcher goes, otherwise `take` has
+// taken its item from `queue` under the queue's mutex.
+template<typename Queue, typename Take>
+bool takeNext(std::mutex &mutex, std::condition_variable &cv, Queue &queue, const std::atomic<bool> &running,
+              Take take)
+{
+    std::unique_lock lock(mutex);
+    cv.wait(lock, [&] { return !queue.empty() || !running; });
+    if (!running)
+        return false;
+    take(queue);
+    return true;
+}
+
 } // namespace
 
 InstantReaderWatcher::InstantReaderWatcher(QObject *parent)
@@ -330,14 +344,11 @@ void InstantReaderWatcher::handleFileDurationReqQueue(int viewID)
     View &v = *m_views[viewID];
     while (m_running) {
         DurationRequest request;
-        {
-            std::unique_lock lock(v.durationMutex);
-            v.durationWake.wait(lock, [&] { return !v.fileDurationRequests.empty() || !m_running; });
-            if (!m_running)
-                return;
-            request = std::move(v.fileDurationRequests.front());
-            v.fileDurationRequests.pop_front();
-        }
+        if (!takeNext(v.durationMutex, v.durationWake, v.fileDurationRequests, m_running, [&request](auto &queue) {
+                request = std::move(queue.front());
+                queue.pop_front();
+            }))
+            return;
         const qlonglong duration = m_files->getDuration(request.path);
         QMetaObject::invokeMethod(
             this,
@@ -519,13 +530,9 @@ void InstantReaderWatcher::processFilterGraphQueue(int viewID)
     while (m_running) {
         log(QStringLiteral("Waiting for FG queue item..."));
         std::vector<FilterGraphReady> queue;
-        {
-            std::unique_lock lock(v.graphMutex);
-            v.graphWake.wait(lock, [&] { return !v.filterGraphQueue.empty() || !m_running; });
-            if (!m_running)
-                return;
-            queue.swap(v.filterGraphQueue);
-        }
+        if (!takeNext(v.graphMutex, v.graphWake, v.filterGraphQueue, m_running,
+                      [&queue](auto &waiting) { queue.swap(waiting); }))
+            return;
         // Only the newest graph matters; the older ones are freed here, and
         // whoever asked for them is asked again for the newest chain.
         FilterGraphReady newest = queue.back();
@@ -568,14 +575,11 @@ void InstantReaderWatcher::processCloseRequests(int viewID)
     View &v = *m_views[viewID];
     while (m_running) {
         std::shared_ptr<videoio::InstantReader> reader;
-        {
-            std::unique_lock lock(v.closeMutex);
-            v.closeWake.wait(lock, [&] { return !v.closeRequests.empty() || !m_running; });
-            if (!m_running)
-                return;
-            reader = std::move(v.closeRequests.front());
-            v.closeRequests.pop_front();
-        }
+        if (!takeNext(v.closeMutex, v.closeWake, v.closeRequests, m_running, [&reader](auto &queue) {
+                reader = std::move(queue.front());
+                queue.pop_front();
+            }))
+            return;
         // The costly destruction of a reader falls here, outside the lock.
         reader.reset();
     }
