@@ -201,19 +201,32 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
         return std::max<int64_t>(1, end - frames[i]->pts);
     };
     for (const std::shared_ptr<AVFrame> &frame : frames) {
-        // Every picture goes to the first one's size and the encoder's format.
-        sws.reset(sws_getCachedContext(sws.release(), frame->width, frame->height,
-                                       static_cast<AVPixelFormat>(frame->format), encoder->width, encoder->height,
-                                       encoder->pix_fmt, SWS_BICUBIC | SWS_ACCURATE_RND | SWS_BITEXACT, nullptr,
-                                       nullptr, nullptr));
-        if (!sws)
-            return fail(QStringLiteral("no conversion for picture %1").arg(index), AVERROR(EINVAL));
-        r = av_frame_make_writable(converted.get());
-        if (r < 0)
-            return fail(QStringLiteral("picture buffer"), r);
-        sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, converted->data, converted->linesize);
-        converted->pts = frame->pts;
-        r = encode(encoder.get(), converted.get(), output.get(), stream, packet.get(), durationOf(index++));
+        const AVFrame *picture = frame.get();
+        ff::FramePtr shared;
+        if (frame->format == encoder->pix_fmt && frame->width == encoder->width
+            && frame->height == encoder->height) {
+            // The encoder takes the filter's own picture: a new reference, no copy.
+            shared.reset(av_frame_clone(frame.get()));
+            if (!shared)
+                return fail(QStringLiteral("picture %1").arg(index), AVERROR(ENOMEM));
+            picture = shared.get();
+        } else {
+            // Every other picture goes to the first one's size and the encoder's format.
+            sws.reset(sws_getCachedContext(sws.release(), frame->width, frame->height,
+                                           static_cast<AVPixelFormat>(frame->format), encoder->width,
+                                           encoder->height, encoder->pix_fmt,
+                                           SWS_BICUBIC | SWS_ACCURATE_RND | SWS_BITEXACT, nullptr, nullptr, nullptr));
+            if (!sws)
+                return fail(QStringLiteral("no conversion for picture %1").arg(index), AVERROR(EINVAL));
+            r = av_frame_make_writable(converted.get());
+            if (r < 0)
+                return fail(QStringLiteral("picture buffer"), r);
+            sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, converted->data,
+                      converted->linesize);
+            converted->pts = frame->pts;
+            picture = converted.get();
+        }
+        r = encode(encoder.get(), picture, output.get(), stream, packet.get(), durationOf(index++));
         if (r < 0)
             return fail(QStringLiteral("encoding picture %1").arg(index - 1), r);
     }
