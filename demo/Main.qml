@@ -52,6 +52,8 @@ ApplicationWindow {
     property var previewRanges: []
     property var pendingRender: null
     property string status: ""
+    // For the panels of the side panel that drive the player.
+    readonly property var videoPlayer: player
 
     readonly property var filters: [
         {name: "Warm tint", vf: "colorchannelmixer=rr=1:gg=0.55:bb=0.2"},
@@ -76,6 +78,7 @@ ApplicationWindow {
         {keys: ["S"], action: "slowMotion", text: "Slow motion 2 for the next render"},
         {keys: ["F"], action: "filter", text: "Next preview filter"},
         {keys: ["P"], action: "loopPreview", text: "Loop the last preview"},
+        {keys: ["V"], action: "live", text: "Live render of the right pane on / off"},
         {keys: ["M"], action: "mute", text: "Mute / unmute"},
         {keys: ["Up", "Down"], action: "volume", text: "Volume up / down"},
         {keys: ["+", "-"], action: "zoom", text: "Zoom in / out"},
@@ -172,6 +175,7 @@ ApplicationWindow {
     Shortcut { sequences: root.keysOf("markOut"); onActivated: root.act("markOut", 1) }
     Shortcut { sequences: root.keysOf("loopInOut"); onActivated: root.act("loopInOut", 1) }
     Shortcut { sequences: root.keysOf("render"); onActivated: root.act("render", 1) }
+    Shortcut { sequences: root.keysOf("live"); onActivated: root.act("live", 1) }
     Shortcut { sequences: root.keysOf("slowMotion"); onActivated: root.act("slowMotion", 1) }
     Shortcut { sequences: root.keysOf("filter"); onActivated: root.act("filter", 1) }
     Shortcut { sequences: root.keysOf("loopPreview"); onActivated: root.act("loopPreview", 1) }
@@ -467,6 +471,7 @@ ApplicationWindow {
     onVolumeChanged: player.setVolume(volume)
     onZoomChanged: player.setZoom(zoom)
     onCropModeChanged: applyCrop()
+    onFilterIndexChanged: sidePanel.live.filterChanged(filters[filterIndex].vf)
 
     function act(action, direction) {
         switch (action) {
@@ -483,6 +488,7 @@ ApplicationWindow {
         case "slowMotion": slowMotion = !slowMotion; break
         case "filter": filterIndex = (filterIndex + 1) % filters.length; break
         case "loopPreview": loopPreview = !loopPreview; break
+        case "live": sidePanel.live.toggle(); break
         case "mute": muted = !muted; break
         case "volume": volume = Math.max(0, Math.min(100, volume + 10 * direction)); break
         case "zoom": zoom = Math.max(1, Math.min(8, zoom * (direction > 0 ? 1.25 : 0.8))); break
@@ -500,7 +506,7 @@ ApplicationWindow {
     //   in MS | out MS | slowmo on|off | filter N | render | seek MS|middle
     //   play | pause | step N | wait MS | loop on|off | loop-preview on|off
     //   zoom X | crop N | sequence | cloud | shot FILE | quit [CODE]
-    //   event NAME | flags | identity | update
+    //   event NAME | flags | identity | update | live on|off | wait-live
     QtObject {
         id: script
         property var steps: []
@@ -614,6 +620,8 @@ ApplicationWindow {
             case "identity": sidePanel.telemetry.repairIdentity(script.hooks()); break
             case "update": sidePanel.telemetry.checkForUpdates(script.hooks()); break
             case "models": sidePanel.models.start(script.hooks()); break
+            case "live": sidePanel.live.setLive(arg !== "off", script.hooks()); break
+            case "wait-live": sidePanel.live.waitLive(script.hooks()); break
             default: abort("unknown step \"" + step + "\"")
             }
         }
@@ -670,7 +678,7 @@ ApplicationWindow {
         // Where a pane's own file should stand for position `t` of the input.
         function expected(id, t) {
             if (id === 1 && player.previewExistsAtTimestampInPS(root.previewSet, t)) {
-                const p = root.previewAt(t)
+                const p = root.previewAt(t) || sidePanel.live.previewAt(t)
                 if (p)
                     return Math.floor((t - p.start) * p.slowMotion)
             }

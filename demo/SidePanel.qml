@@ -22,6 +22,7 @@ Rectangle {
     property alias machine: machinePanel
     property alias cloud: cloudPanel
     property alias models: modelsPanel
+    property alias live: livePanel
 
     color: "#23272d"
     implicitWidth: 300
@@ -98,6 +99,7 @@ Rectangle {
         MachinePanel { id: machinePanel; Layout.fillWidth: true }
         CloudPanel { id: cloudPanel; Layout.fillWidth: true }
         ModelsPanel { id: modelsPanel; Layout.fillWidth: true }
+        LivePanel { id: livePanel; Layout.fillWidth: true }
 
         Text {
             text: "Previews"

@@ -25,9 +25,11 @@ QString errorText(int code)
     return QString::fromUtf8(text);
 }
 
-// Sends `frame` (null to flush) and writes every packet the encoder gives.
+// Sends `frame` (null to flush) and writes every packet the encoder gives;
+// the encoder is intra-only, so the packet out is the picture in and lasts
+// `duration` ms: the file's length then ends with its last picture's.
 int encode(AVCodecContext *encoder, const AVFrame *frame, AVFormatContext *output, AVStream *stream,
-           AVPacket *packet)
+           AVPacket *packet, int64_t duration)
 {
     int r = avcodec_send_frame(encoder, frame);
     if (r < 0)
@@ -38,6 +40,8 @@ int encode(AVCodecContext *encoder, const AVFrame *frame, AVFormatContext *outpu
             return 0;
         if (r < 0)
             return r;
+        if (duration > 0)
+            packet->duration = duration;
         av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
         packet->stream_index = stream->index;
         r = av_interleaved_write_frame(output, packet);
@@ -61,7 +65,7 @@ DiskCacheWriter::DiskCacheWriter(int viewID, const QVariantMap &options, const Q
 }
 
 void DiskCacheWriter::onAddtoCacheQueue(QString path, videoio::FrameBuffer frames, QPoint range, int viewID,
-                                        double fps)
+                                        double fps, videoio::PreviewChunk chunk)
 {
     if (viewID != m_viewID) {
         qCWarning(lcDiskCache) << "Disk cache of view" << m_viewID << "refused a buffer of view" << viewID;
@@ -71,8 +75,14 @@ void DiskCacheWriter::onAddtoCacheQueue(QString path, videoio::FrameBuffer frame
         emit cacheError(path, QStringLiteral("empty preview buffer"), AVERROR(EINVAL));
         return;
     }
-    if (std::find(m_written.begin(), m_written.end(), range) != m_written.end())
+    const auto done = std::find_if(m_written.begin(), m_written.end(), [&](const Written &w) {
+        return w.range == range && w.chain == chunk.chain;
+    });
+    if (done != m_written.end() && QFileInfo::exists(done->file)) {
+        emit cacheReadyToLoad(done->file, range, m_viewID);
+        emit chunkCached(done->file, range, m_viewID, chunk);
         return;
+    }
     if (!QDir().mkpath(m_folder)) {
         emit cacheError(path, QStringLiteral("cannot create cache folder %1").arg(m_folder), AVERROR(EACCES));
         return;
@@ -85,16 +95,17 @@ void DiskCacheWriter::onAddtoCacheQueue(QString path, videoio::FrameBuffer frame
                                                      .arg(m_fileCount++)
                                                      .arg(m_extension));
     QString error;
-    const int r = write(file, *frames, fps, &error);
+    const int r = write(file, *frames, fps, chunk, &error);
     if (r < 0) {
         QFile::remove(file);
         emit cacheError(path, error, r);
         return;
     }
-    m_written.push_back(range);
+    m_written.push_back({range, chunk.chain, file});
     if (m_cachedRanges)
         m_cachedRanges->push_back(range);
     emit cacheReadyToLoad(file, range, m_viewID);
+    emit chunkCached(file, range, m_viewID, chunk);
 }
 
 void DiskCacheWriter::onClearcachedRangeReqAndHistory(int viewID)
@@ -107,7 +118,7 @@ void DiskCacheWriter::onClearcachedRangeReqAndHistory(int viewID)
 }
 
 int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
-                           QString *error) const
+                           const PreviewChunk &chunk, QString *error) const
 {
     const auto fail = [error](const QString &why, int code) {
         *error = QStringLiteral("%1: %2").arg(why, errorText(code));
@@ -130,18 +141,29 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
         return fail(QStringLiteral("no encoder context"), AVERROR(ENOMEM));
 
     const auto sourceFormat = static_cast<AVPixelFormat>(first->format);
-    const AVRational rate = av_d2q(fps > 0 ? fps : 30.0, 1001000);
+    // Pictures carry their time in ms; the rate is only what players read.
+    const AVRational rate = av_d2q((fps > 0 ? fps : 30.0) / (chunk.slowMoFactor > 0 ? chunk.slowMoFactor : 1.0),
+                                   1001000);
     encoder->width = first->width;
     encoder->height = first->height;
     encoder->pix_fmt = codec->pix_fmts ? avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, sourceFormat, 0, nullptr)
                                        : sourceFormat;
-    encoder->time_base = av_inv_q(rate);
+    encoder->time_base = AVRational{1, 1000};
     encoder->framerate = rate;
     encoder->sample_aspect_ratio = first->sample_aspect_ratio;
     encoder->gop_size = 1;
     if (output->oformat->flags & AVFMT_GLOBALHEADER)
         encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    r = avcodec_open2(encoder.get(), codec, nullptr);
+    // Slices let the encoder use every core; a lossless 1080p picture is
+    // otherwise slower to write than to decode and filter.
+    encoder->thread_count = 0;
+    AVDictionary *encoderOptions = nullptr;
+    if (m_encoder == QLatin1String("ffv1")) {
+        av_dict_set(&encoderOptions, "level", "3", 0);
+        av_dict_set(&encoderOptions, "slices", "4", 0);
+    }
+    r = avcodec_open2(encoder.get(), codec, &encoderOptions);
+    av_dict_free(&encoderOptions);
     if (r < 0)
         return fail(QStringLiteral("encoder \"%1\" does not open").arg(m_encoder), r);
 
@@ -174,24 +196,41 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
 
     ff::SwsPtr sws;
     int64_t index = 0;
+    const auto durationOf = [&](size_t i) {
+        const int64_t end = i + 1 < frames.size() ? frames[i + 1]->pts : chunk.durationMs;
+        return std::max<int64_t>(1, end - frames[i]->pts);
+    };
     for (const std::shared_ptr<AVFrame> &frame : frames) {
-        // Every picture goes to the first one's size and the encoder's format.
-        sws.reset(sws_getCachedContext(sws.release(), frame->width, frame->height,
-                                       static_cast<AVPixelFormat>(frame->format), encoder->width, encoder->height,
-                                       encoder->pix_fmt, SWS_BICUBIC | SWS_ACCURATE_RND | SWS_BITEXACT, nullptr,
-                                       nullptr, nullptr));
-        if (!sws)
-            return fail(QStringLiteral("no conversion for picture %1").arg(index), AVERROR(EINVAL));
-        r = av_frame_make_writable(converted.get());
-        if (r < 0)
-            return fail(QStringLiteral("picture buffer"), r);
-        sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, converted->data, converted->linesize);
-        converted->pts = index++;
-        r = encode(encoder.get(), converted.get(), output.get(), stream, packet.get());
+        const AVFrame *picture = frame.get();
+        ff::FramePtr shared;
+        if (frame->format == encoder->pix_fmt && frame->width == encoder->width
+            && frame->height == encoder->height) {
+            // The encoder takes the filter's own picture: a new reference, no copy.
+            shared.reset(av_frame_clone(frame.get()));
+            if (!shared)
+                return fail(QStringLiteral("picture %1").arg(index), AVERROR(ENOMEM));
+            picture = shared.get();
+        } else {
+            // Every other picture goes to the first one's size and the encoder's format.
+            sws.reset(sws_getCachedContext(sws.release(), frame->width, frame->height,
+                                           static_cast<AVPixelFormat>(frame->format), encoder->width,
+                                           encoder->height, encoder->pix_fmt,
+                                           SWS_BICUBIC | SWS_ACCURATE_RND | SWS_BITEXACT, nullptr, nullptr, nullptr));
+            if (!sws)
+                return fail(QStringLiteral("no conversion for picture %1").arg(index), AVERROR(EINVAL));
+            r = av_frame_make_writable(converted.get());
+            if (r < 0)
+                return fail(QStringLiteral("picture buffer"), r);
+            sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, converted->data,
+                      converted->linesize);
+            converted->pts = frame->pts;
+            picture = converted.get();
+        }
+        r = encode(encoder.get(), picture, output.get(), stream, packet.get(), durationOf(index++));
         if (r < 0)
             return fail(QStringLiteral("encoding picture %1").arg(index - 1), r);
     }
-    r = encode(encoder.get(), nullptr, output.get(), stream, packet.get());
+    r = encode(encoder.get(), nullptr, output.get(), stream, packet.get(), 0);
     if (r < 0)
         return fail(QStringLiteral("flushing the encoder"), r);
     r = av_write_trailer(output.get());

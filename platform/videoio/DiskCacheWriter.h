@@ -26,8 +26,10 @@ namespace videoio {
 //   writes; the vector is the caller's, touched on the writer's thread only.
 //
 // A file is named <folder>/<source base name>_v<view>_<first>-<last>_<n>.<ext>,
-// the range in ms. A range already written is not written again until
-// onClearcachedRangeReqAndHistory forgets what was written.
+// the range in ms; its pictures keep the timing the chunk gives them, so a
+// slowed chain makes a longer file. A range already written with the same
+// chain is not written again until onClearcachedRangeReqAndHistory forgets
+// what was written: the file on disk is announced again instead.
 class DiskCacheWriter : public QObject
 {
     Q_OBJECT
@@ -39,26 +41,35 @@ public:
 
 public slots:
     // Takes what InstantReader::previewBufferReady carries.
-    void onAddtoCacheQueue(QString path, videoio::FrameBuffer frames, QPoint range, int viewID, double fps);
+    void onAddtoCacheQueue(QString path, videoio::FrameBuffer frames, QPoint range, int viewID, double fps,
+                           videoio::PreviewChunk chunk);
     // Forgets the ranges written for `viewID` (-1 for any view).
     void onClearcachedRangeReqAndHistory(int viewID);
 
 signals:
     void cacheReadyToLoad(QString file, QPoint range, int viewID);
+    // The same, with what the chunk carried.
+    void chunkCached(QString file, QPoint range, int viewID, videoio::PreviewChunk chunk);
     // `ret` is the FFmpeg error code of the failure.
     void cacheError(QString path, QString message, int ret);
 
 private:
     // Encodes `frames` into `file`; an FFmpeg error code and `error` on failure.
     int write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
-              QString *error) const;
+              const PreviewChunk &chunk, QString *error) const;
 
     const int m_viewID;
     const QString m_encoder;
     const QString m_extension;
     const QString m_folder;
     std::vector<QPoint> *const m_cachedRanges;
-    std::vector<QPoint> m_written;
+    struct Written
+    {
+        QPoint range;
+        std::string chain;
+        QString file;
+    };
+    std::vector<Written> m_written;
     int m_fileCount = 0;
 };
 

@@ -527,4 +527,21 @@ bool FFReader::isPreviewReader() const
     return m_previewReader;
 }
 
+ff::FramePtr FFReader::decodedFrame() const
+{
+    const std::lock_guard lock(m_mutex);
+    if (!m_current)
+        return {};
+    ff::FramePtr picture(av_frame_clone(m_current.get()));
+    if (picture)
+        picture->pts = toMs(m_currentPts);
+    return picture;
+}
+
+double FFReader::frameDurationMs() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_frameDuration * av_q2d(m_timeBase) * 1000.0;
+}
+
 } // namespace videoio

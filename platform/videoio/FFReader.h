@@ -40,6 +40,12 @@ public:
     void close() override;
     bool isPreviewReader() const override;
 
+    // The decoder's own current picture, sharing its buffers (no copy, no
+    // conversion), with its position in ms as pts; null before the first frame.
+    ff::FramePtr decodedFrame() const;
+    // The length of one picture in ms.
+    double frameDurationMs() const;
+
 private:
     bool open();
     void closeLocked();

@@ -50,8 +50,9 @@ FilterGraphWorker::Graph FilterGraphWorker::build(const std::string &filterDescr
     result.graph.reset(avfilter_graph_alloc());
     if (!result.graph)
         return fail("no memory for a filter graph", AVERROR(ENOMEM));
-    // One thread per graph: a view renders on its reader's thread already.
-    result.graph->nb_threads = 1;
+    // Heavy filters (denoisers, deinterlacers) split a picture into slices:
+    // one render per view would otherwise use one core for them.
+    result.graph->nb_threads = 0;
 
     int r = avfilter_graph_create_filter(&result.source, avfilter_get_by_name("buffer"), "in",
                                          sourceArguments.c_str(), nullptr, result.graph.get());
@@ -73,28 +74,25 @@ FilterGraphWorker::Graph FilterGraphWorker::build(const std::string &filterDescr
     if (r < 0)
         return fail("buffer sink refused its pixel format", r);
 
-    // The parser's open ends: "in" is the chain's input, "out" its output.
-    InOutPtr outputs(avfilter_inout_alloc());
-    InOutPtr inputs(avfilter_inout_alloc());
-    if (!outputs || !inputs)
-        return fail("no memory for the graph's ends", AVERROR(ENOMEM));
-    outputs->name = av_strdup("in");
-    outputs->filter_ctx = result.source;
-    inputs->name = av_strdup("out");
-    inputs->filter_ctx = result.sink;
-
+    // Chains cut from render commands name their ends ("[0:v]scale=...[v]"):
+    // whatever the labels, the one open input takes the pictures and the one
+    // open output gives them.
     const std::string chain = filterDescription.empty() ? std::string("null") : filterDescription;
-    AVFilterInOut *openInputs = inputs.release();
-    AVFilterInOut *openOutputs = outputs.release();
-    r = avfilter_graph_parse_ptr(result.graph.get(), chain.c_str(), &openInputs, &openOutputs, nullptr);
-    inputs.reset(openInputs);
-    outputs.reset(openOutputs);
+    AVFilterInOut *openInputs = nullptr;
+    AVFilterInOut *openOutputs = nullptr;
+    r = avfilter_graph_parse2(result.graph.get(), chain.c_str(), &openInputs, &openOutputs);
+    const InOutPtr inputs(openInputs);
+    const InOutPtr outputs(openOutputs);
     if (r < 0)
         return fail("bad filter chain \"" + filterDescription + "\"", r);
-    // A chain with more than one input or output leaves ends unconnected.
-    if (inputs || outputs)
+    if (!inputs || inputs->next || !outputs || outputs->next)
         return fail("filter chain \"" + filterDescription + "\" must have one input and one output",
                     AVERROR(EINVAL));
+    r = avfilter_link(result.source, 0, inputs->filter_ctx, static_cast<unsigned>(inputs->pad_idx));
+    if (r >= 0)
+        r = avfilter_link(outputs->filter_ctx, static_cast<unsigned>(outputs->pad_idx), result.sink, 0);
+    if (r < 0)
+        return fail("filter chain \"" + filterDescription + "\" does not link", r);
 
     r = avfilter_graph_config(result.graph.get(), nullptr);
     if (r < 0)

@@ -2,7 +2,6 @@
 
 #include <QLoggingCategory>
 #include <QSize>
-#include <QVideoFrame>
 
 extern "C" {
 #include <libavfilter/buffersink.h>
@@ -11,7 +10,10 @@ extern "C" {
 }
 
 #include <atomic>
-#include <cstring>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <deque>
 
 Q_LOGGING_CATEGORY(lcInstantReader, "kutils.videoio")
 
@@ -22,23 +24,173 @@ namespace {
 // is taken by the one reader that asked for it.
 std::atomic<int> nextCounter{0};
 
-std::shared_ptr<AVFrame> share(ff::FramePtr frame)
-{
-    return std::shared_ptr<AVFrame>(frame.release(), ff::FrameDeleter{});
-}
+constexpr AVRational kMs{1, 1000};
 
 } // namespace
+
+struct InstantReader::InstalledGraph
+{
+    FilterGraphPtr graph;
+    AVFilterContext *source = nullptr;
+    AVFilterContext *sink = nullptr;
+    int counter = -1;
+    std::string chain;
+    bool spent = false;  // flushed: takes no more pictures
+};
+
+// Chunks handed on whose last holder hasn't let go yet.
+struct InstantReader::InFlight
+{
+    std::mutex mutex;
+    std::condition_variable released;
+    int count = 0;
+};
+
+// One window through one graph: positions of the pictures fed and the
+// filtered pictures, both waiting to be cut into chunks.
+class InstantReader::WindowRun
+{
+public:
+    WindowRun(InstantReader &reader, InstalledGraph &graph, int tag, const std::function<bool()> &stop)
+        : m_reader(reader), m_graph(graph), m_tag(tag), m_stop(stop)
+        , m_sinkBase(av_buffersink_get_time_base(graph.sink))
+    {
+    }
+
+    // Feeds one picture (null flushes the graph) and collects what comes out.
+    bool feed(ff::FramePtr picture)
+    {
+        if (picture)
+            m_sources.push_back(picture->pts);
+        const int r = av_buffersrc_add_frame_flags(m_graph.source, picture.get(), 0);
+        if (r < 0)
+            return false;
+        while (true) {
+            ff::FramePtr filtered = ff::makeFrame();
+            const int got = av_buffersink_get_frame(m_graph.sink, filtered.get());
+            if (got == AVERROR(EAGAIN) || got == AVERROR_EOF)
+                return true;
+            if (got < 0)
+                return false;
+            filtered->pts = av_rescale_q(filtered->pts, m_sinkBase, kMs);
+            m_sinks.push_back(std::move(filtered));
+        }
+    }
+
+    // Cuts full chunks while at least two pictures stay behind them, so the
+    // window never ends on a lone one, and while a filtered picture beyond the
+    // chunk tells how long its last one lasts.
+    bool cutFullChunks()
+    {
+        while (int(m_sources.size()) >= kChunkPictures + 2 && int(m_sinks.size()) >= kChunkPictures + 1) {
+            if (!cut(kChunkPictures, m_sources[kChunkPictures], false))
+                return false;
+        }
+        return true;
+    }
+
+    // After the flush: the rest of the window, `end` being the end of its last
+    // picture. Twenty-one pictures go as nineteen and two.
+    bool cutRest(qlonglong end)
+    {
+        while (!m_sources.empty()) {
+            const int left = int(m_sources.size());
+            const int count = left == kChunkPictures + 1 ? kChunkPictures - 1 : std::min(kChunkPictures, left);
+            const bool last = count == left;
+            if (!cut(count, last ? end : m_sources[count], last))
+                return false;
+        }
+        return true;
+    }
+
+    int chunks() const { return m_chunks; }
+    bool stopped() const { return m_stopped; }
+
+private:
+    bool cut(int count, qlonglong end, bool lastOfWindow)
+    {
+        const qlonglong first = m_sources.front();
+        const qlonglong lastStart = m_sources[count - 1];
+        const QPoint range(int(first), int(end - 1));
+        m_sources.erase(m_sources.begin(), m_sources.begin() + count);
+        // The filtered pictures follow the source pictures one for one; what a
+        // filter adds or drops falls to the window's last chunk.
+        const int taken = lastOfWindow ? int(m_sinks.size()) : std::min(count, int(m_sinks.size()));
+        if (taken == 0) {
+            qCWarning(lcInstantReader) << "The filter gave no picture for" << range << "of" << m_reader.getFile();
+            return true;
+        }
+
+        PreviewChunk chunk;
+        chunk.chain = m_graph.chain;
+        chunk.tag = m_tag;
+        const qlonglong sinkFirst = m_sinks.front()->pts;
+        const qlonglong sinkLast = m_sinks[taken - 1]->pts;
+        if (taken < int(m_sinks.size())) {
+            chunk.durationMs = m_sinks[taken]->pts - sinkFirst;
+        } else {
+            // The last picture lasts as long as its source picture, stretched
+            // as the filter stretched the chunk.
+            const double stretch = (taken > 1 && lastStart > first)
+                ? double(sinkLast - sinkFirst) / double(lastStart - first) : 1.0;
+            chunk.durationMs = sinkLast - sinkFirst + std::llround((end - lastStart) * stretch);
+        }
+        chunk.durationMs = std::max<qlonglong>(chunk.durationMs, sinkLast - sinkFirst + 1);
+        chunk.slowMoFactor = double(chunk.durationMs) / double(end - first);
+
+        FrameBuffer buffer = m_reader.newBuffer(m_stop, &m_stopped);
+        if (!buffer)
+            return false;
+        buffer->reserve(taken);
+        for (int i = 0; i < taken; ++i) {
+            ff::FramePtr picture = std::move(m_sinks.front());
+            m_sinks.pop_front();
+            picture->pts -= sinkFirst;
+            buffer->push_back(std::shared_ptr<AVFrame>(picture.release(), ff::FrameDeleter{}));
+        }
+        m_reader.handOn(buffer, range, chunk);
+        ++m_chunks;
+        return true;
+    }
+
+    InstantReader &m_reader;
+    InstalledGraph &m_graph;
+    const int m_tag;
+    const std::function<bool()> &m_stop;
+    const AVRational m_sinkBase;
+    std::deque<qlonglong> m_sources;
+    std::deque<ff::FramePtr> m_sinks;
+    int m_chunks = 0;
+    bool m_stopped = false;
+};
 
 InstantReader::InstantReader(const QString &path, int viewID, QObject *parent)
     : QObject(parent)
     , Reader(path, false)
     , m_viewID(viewID)
     , m_source(std::make_unique<FFReader>(path, false))
+    , m_inFlight(std::make_shared<InFlight>())
 {
     qRegisterMetaType<videoio::FrameBuffer>("videoio::FrameBuffer");
+    qRegisterMetaType<videoio::PreviewChunk>("videoio::PreviewChunk");
     qRegisterMetaType<std::string>("std::string");
     // A render stops at the end of the file instead of wrapping to its start.
     m_source->setLooping(false);
+
+    // After opening, the reader stands on the first picture: the graph takes
+    // the decoder's pictures as they are.
+    const ff::FramePtr picture = m_source->decodedFrame();
+    if (!picture)
+        return;
+    const AVRational aspect = av_d2q(m_source->getInfo().value(QStringLiteral("sar"), 1.0).toDouble(), 10000);
+    const char *format = av_get_pix_fmt_name(static_cast<AVPixelFormat>(picture->format));
+    m_sourceArguments = QStringLiteral("video_size=%1x%2:pix_fmt=%3:time_base=1/1000:pixel_aspect=%4/%5")
+                            .arg(picture->width)
+                            .arg(picture->height)
+                            .arg(QLatin1String(format ? format : "none"))
+                            .arg(aspect.num > 0 ? aspect.num : 1)
+                            .arg(aspect.den > 0 ? aspect.den : 1)
+                            .toStdString();
 }
 
 InstantReader::~InstantReader() = default;
@@ -67,57 +219,88 @@ void InstantReader::close()
     m_source->close();
 }
 
-std::string InstantReader::sourceArguments() const
-{
-    const QVariantMap info = m_source->getInfo();
-    const QSize size = info.value(QStringLiteral("originalSize")).toSize();
-    const AVRational aspect = av_d2q(info.value(QStringLiteral("sar"), 1.0).toDouble(), 10000);
-    // Pictures carry their position in ms as their time.
-    return QStringLiteral("video_size=%1x%2:pix_fmt=%3:time_base=1/1000:pixel_aspect=%4/%5")
-        .arg(size.width())
-        .arg(size.height())
-        .arg(QLatin1String(av_get_pix_fmt_name(AV_PIX_FMT_RGB0)))
-        .arg(aspect.num > 0 ? aspect.num : 1)
-        .arg(aspect.den > 0 ? aspect.den : 1)
-        .toStdString();
-}
-
 int InstantReader::requestFilterGraph(const std::string &filterDescription)
 {
     const int counter = nextCounter.fetch_add(1);
     {
         const std::lock_guard lock(m_mutex);
-        m_requested.insert(counter);
+        m_requested.emplace(counter, filterDescription);
     }
     // The preview shows nothing new until the graph is in, so playback waits.
     emit setFilterInitStatus(m_viewID, true, true);
-    emit initFilterGraph(filterDescription, sourceArguments(), counter, m_viewID);
+    emit initFilterGraph(filterDescription, m_sourceArguments, counter, m_viewID);
     return counter;
 }
 
 void InstantReader::setFilterGraphOnReady(AVFilterContext *src, AVFilterContext *sink, AVFilterGraph *fg,
                                           int counter)
 {
+    auto graph = std::make_shared<InstalledGraph>();
     {
         const std::lock_guard lock(m_mutex);
-        if (!fg || m_requested.erase(counter) == 0)
+        const auto request = m_requested.find(counter);
+        if (!fg || request == m_requested.end())
             return;
-        FilterGraphPtr graph(fg);
-        if (counter < m_graphCounter) {
-            qCDebug(lcInstantReader) << "Dropping filter graph" << counter << "older than" << m_graphCounter;
-            return;
+        graph->graph.reset(fg);
+        graph->chain = request->second;
+        m_requested.erase(request);
+    }
+    // A graph built for other pictures would fail on the first frame.
+    if (!src || !sink || av_buffersink_get_w(sink) <= 0) {
+        qCWarning(lcInstantReader) << "Filter graph" << counter << "of view" << m_viewID << "is incomplete";
+        return;
+    }
+    graph->source = src;
+    graph->sink = sink;
+    graph->counter = counter;
+    install(std::move(graph));
+}
+
+void InstantReader::adoptFilterGraph(FilterGraphWorker::Graph built, const std::string &chain)
+{
+    auto graph = std::make_shared<InstalledGraph>();
+    graph->graph = std::move(built.graph);
+    graph->source = built.source;
+    graph->sink = built.sink;
+    graph->counter = nextCounter.fetch_add(1);
+    graph->chain = chain;
+    if (graph->graph)
+        install(std::move(graph));
+}
+
+bool InstantReader::install(std::shared_ptr<InstalledGraph> graph)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_graph && graph->counter < m_graph->counter) {
+            qCDebug(lcInstantReader) << "Dropping filter graph" << graph->counter << "older than"
+                                     << m_graph->counter;
+            return false;
         }
-        // A graph built for other pictures would fail on the first frame.
-        if (!src || !sink || av_buffersink_get_w(sink) <= 0) {
-            qCWarning(lcInstantReader) << "Filter graph" << counter << "of view" << m_viewID << "is incomplete";
-            return;
-        }
+        // A render still running keeps the graph it started with.
         m_graph = std::move(graph);
-        m_graphSource = src;
-        m_graphSink = sink;
-        m_graphCounter = counter;
     }
     emit setFilterInitStatus(m_viewID, false, false);
+    return true;
+}
+
+bool InstantReader::hasRequest(int counter) const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_requested.count(counter) > 0;
+}
+
+std::string InstantReader::requestedChain(int counter) const
+{
+    const std::lock_guard lock(m_mutex);
+    const auto request = m_requested.find(counter);
+    return request == m_requested.end() ? std::string() : request->second;
+}
+
+void InstantReader::dropRequest(int counter)
+{
+    const std::lock_guard lock(m_mutex);
+    m_requested.erase(counter);
 }
 
 bool InstantReader::hasFilterGraph() const
@@ -129,91 +312,130 @@ bool InstantReader::hasFilterGraph() const
 int InstantReader::filterGraphCounter() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_graphCounter;
+    return m_graph ? m_graph->counter : -1;
 }
 
-ff::FramePtr InstantReader::currentPicture()
+std::string InstantReader::filterChain() const
 {
-    const std::shared_ptr<QVideoFrame> shown = m_source->frame();
-    if (!shown)
-        return {};
-    QVideoFrame video = *shown;
-    if (!video.map(QVideoFrame::ReadOnly))
-        return {};
-    ff::FramePtr picture = ff::makeFrame();
-    if (!picture) {
-        video.unmap();
-        return {};
-    }
-    picture->width = video.width();
-    picture->height = video.height();
-    picture->format = AV_PIX_FMT_RGB0;
-    picture->pts = m_source->position();
-    const bool ok = av_frame_get_buffer(picture.get(), 0) >= 0;
-    if (ok) {
-        const int rowBytes = picture->width * 4;
-        for (int y = 0; y < picture->height; ++y)
-            std::memcpy(picture->data[0] + y * picture->linesize[0], video.bits(0) + y * video.bytesPerLine(0),
-                        rowBytes);
-    }
-    video.unmap();
-    return ok ? std::move(picture) : ff::FramePtr{};
+    const std::lock_guard lock(m_mutex);
+    return m_graph ? m_graph->chain : std::string();
 }
 
-bool InstantReader::filterPicture(AVFrame *picture, std::vector<std::shared_ptr<AVFrame>> &out)
+FrameBuffer InstantReader::newBuffer(const std::function<bool()> &stop, bool *stopped)
 {
-    int r = av_buffersrc_add_frame_flags(m_graphSource, picture, 0);
-    if (r < 0)
-        return false;
-    while (true) {
-        ff::FramePtr filtered = ff::makeFrame();
-        r = av_buffersink_get_frame(m_graphSink, filtered.get());
-        if (r == AVERROR(EAGAIN) || r == AVERROR_EOF)
-            return true;
-        if (r < 0)
-            return false;
-        out.push_back(share(std::move(filtered)));
+    std::unique_lock lock(m_inFlight->mutex);
+    // The receivers' own pace: nothing wakes us for a stop, so look now and then.
+    while (m_inFlight->count >= kBuffersInFlight) {
+        if (stop()) {
+            *stopped = true;
+            return {};
+        }
+        m_inFlight->released.wait_for(lock, std::chrono::milliseconds(20));
     }
+    ++m_inFlight->count;
+    const std::shared_ptr<InFlight> flight = m_inFlight;
+    return FrameBuffer(new std::vector<std::shared_ptr<AVFrame>>, [flight](std::vector<std::shared_ptr<AVFrame>> *v) {
+        delete v;
+        {
+            const std::lock_guard lock(flight->mutex);
+            --flight->count;
+        }
+        flight->released.notify_all();
+    });
 }
 
-int InstantReader::render(qlonglong startMs, int count)
+void InstantReader::handOn(const FrameBuffer &buffer, QPoint range, const PreviewChunk &chunk)
 {
-    if (!hasFilterGraph()) {
-        qCWarning(lcInstantReader) << "No filter graph to render view" << m_viewID << "of" << getFile();
-        return 0;
-    }
-    FrameBuffer buffer = std::make_shared<std::vector<std::shared_ptr<AVFrame>>>();
-    // One render at a time, so no other seek moves the source in between. The
-    // status signals go out without the state lock, so that a receiver may
-    // call back into the reader.
-    const std::lock_guard renderLock(m_renderMutex);
-    emit setSeekingStatus(m_viewID, true, false);
-    const bool reached = m_source->seek(startMs, false);
-    emit setSeekingStatus(m_viewID, false, false);
-    if (!reached)
-        return 0;
     {
         const std::lock_guard lock(m_mutex);
-        if (!m_graph)
-            return 0;
-        for (int i = 0; i < count; ++i) {
-            if (i > 0 && !m_source->next())
-                break;
-            ff::FramePtr picture = currentPicture();
-            if (!picture || !filterPicture(picture.get(), *buffer)) {
-                qCWarning(lcInstantReader) << "Filtering failed at" << m_source->position() << "ms of" << getFile();
-                return 0;
-            }
-        }
         m_frames = buffer;
     }
-    if (buffer->empty())
-        return 0;
-    const QPoint range(static_cast<int>(buffer->front()->pts), static_cast<int>(buffer->back()->pts));
     emit setRAMBufferRangeToUI(range, m_viewID);
     emit previewBufferReady(getPath(), buffer, range, m_viewID,
-                            m_source->getInfo().value(QStringLiteral("fps"), 30.0).toDouble());
-    return static_cast<int>(buffer->size());
+                            m_source->getInfo().value(QStringLiteral("fps"), 30.0).toDouble(), chunk);
+}
+
+InstantReader::RenderResult InstantReader::render(qlonglong startMs, qlonglong endMs, int tag,
+                                                  const std::function<bool()> &stop)
+{
+    const std::lock_guard renderLock(m_renderMutex);
+    std::shared_ptr<InstalledGraph> graph;
+    {
+        const std::lock_guard lock(m_mutex);
+        graph = m_graph;
+    }
+    RenderResult result;
+    if (!graph || graph->spent) {
+        qCWarning(lcInstantReader) << "No filter graph to render view" << m_viewID << "of" << getFile();
+        result.error = QStringLiteral("no filter graph");
+        return result;
+    }
+
+    // The status signals go out without a lock, so that a receiver may call
+    // back into the reader. Standing on the window's first picture already
+    // (the window after the last one), the decoder just goes on.
+    emit setSeekingStatus(m_viewID, true, false);
+    bool reached = m_source->seek(startMs, false);
+    // The picture shown at startMs may begin before it: the window holds only
+    // pictures positioned inside it.
+    if (reached && m_source->position() < startMs)
+        reached = m_source->next();
+    emit setSeekingStatus(m_viewID, false, false);
+    if (!reached || (endMs >= 0 && m_source->position() > endMs)) {
+        result.error = QStringLiteral("no picture between %1 and %2 ms").arg(startMs).arg(endMs);
+        qCWarning(lcInstantReader).noquote() << "Render of view" << m_viewID << "of" << getFile() << ":" << result.error;
+        return result;
+    }
+
+    WindowRun run(*this, *graph, tag, stop);
+    graph->spent = true;
+    qlonglong lastStart = 0;
+    while (true) {
+        if (stop()) {
+            result.stopped = true;
+            break;
+        }
+        ff::FramePtr picture = m_source->decodedFrame();
+        lastStart = picture ? picture->pts : 0;
+        if (!picture || !run.feed(std::move(picture)) || !run.cutFullChunks()) {
+            if (run.stopped())
+                break;
+            result.error = QStringLiteral("filtering failed at %1 ms").arg(m_source->position());
+            break;
+        }
+        ++result.pictures;
+        if (!m_source->next() || (endMs >= 0 && m_source->position() > endMs))
+            break;
+    }
+    if (result.error.isEmpty() && !result.stopped) {
+        if (result.pictures == 1)
+            result.error = QStringLiteral("a window of one picture makes no preview");
+        else if ((!run.feed(nullptr) || !run.cutRest(lastStart + std::llround(m_source->frameDurationMs())))
+                 && !run.stopped())
+            result.error = QStringLiteral("flushing the filter failed");
+    }
+    result.chunks = run.chunks();
+    result.stopped = result.stopped || run.stopped();
+    if (!result.error.isEmpty())
+        qCWarning(lcInstantReader).noquote() << "Render of view" << m_viewID << "of" << getFile() << ":"
+                                             << result.error;
+
+    // The flushed graph is spent; the next window of the chain gets a fresh
+    // one now, unless a newer chain came in meanwhile.
+    std::string error;
+    FilterGraphWorker::Graph fresh = FilterGraphWorker::build(graph->chain, m_sourceArguments, &error);
+    if (fresh.graph) {
+        auto next = std::make_shared<InstalledGraph>();
+        next->graph = std::move(fresh.graph);
+        next->source = fresh.source;
+        next->sink = fresh.sink;
+        next->counter = graph->counter;
+        next->chain = graph->chain;
+        const std::lock_guard lock(m_mutex);
+        if (m_graph == graph)
+            m_graph = std::move(next);
+    }
+    return result;
 }
 
 FrameBuffer InstantReader::frames() const

@@ -79,10 +79,9 @@ signals:
     void leftInfoChanged();
     void rightInfoChanged();
     void openedInput(int uid, bool firstLoad);
-    void startIR(int viewID, int IRInitMode, qlonglong startTS, qlonglong endTS);
-    void startIR(int viewID, int IRInitMode, qlonglong startTS);
-    void startIR(int viewID, int IRInitMode);
-    void startIR(int viewID);
+    // Default arguments, not overloads: the shorter forms are clones of this
+    // one, so that a QML handler receives all four arguments.
+    void startIR(int viewID, int IRInitMode = 0, qlonglong startTS = -1, qlonglong endTS = -1);
     void stopIR(int viewID);
     void isMPVIdleChanged();
 

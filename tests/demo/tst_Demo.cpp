@@ -121,6 +121,7 @@ private slots:
     void sequenceStepRoundTripsAnExrRangeWithOiiotool();
     void cloudStepLaysTheNegatedInputOverTheRightPane();
     void modelsStepFetchesAndVerifiesThePreferredDevicesFiles();
+    void liveRenderPutsTheFilterChangeIntoTheRightPane();
 
 private:
     DemoRun runDemo(const QStringList &arguments, const QString &mediaDir);
@@ -457,6 +458,23 @@ void tst_Demo::modelsStepFetchesAndVerifiesThePreferredDevicesFiles()
         QVERIFY(got.open(QIODevice::ReadOnly) && served.open(QIODevice::ReadOnly));
         QCOMPARE(got.readAll(), served.readAll());
     }
+}
+
+// The live mode renders the window at the playhead with the negating filter:
+// the right pane reads the frame number with every bit flipped.
+void tst_Demo::liveRenderPutsTheFilterChangeIntoTheRightPane()
+{
+    const QString shot = work.filePath(QStringLiteral("live.png"));
+    const QString script = QStringLiteral("seek 2000; filter 1; live on; wait-live; seek 2000; shot %1; quit").arg(shot);
+    const DemoRun run = runDemo({QStringLiteral("--script"), script, clip}, work.filePath(QStringLiteral("media-live")));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.output));
+    const QImage picture = QImage(shot).convertToFormat(QImage::Format_RGB32);
+    QFile describedFile(shot + QStringLiteral(".json"));
+    QVERIFY(describedFile.open(QIODevice::ReadOnly));
+    const QJsonObject described = QJsonDocument::fromJson(describedFile.readAll()).object();
+    const int frame = 2000 / frameMs;
+    QCOMPARE(readPane(picture, rectFrom(described.value(QStringLiteral("leftPane")))).frame, frame);
+    QCOMPARE(readPane(picture, rectFrom(described.value(QStringLiteral("rightPane")))).frame, frame ^ 0xff);
 }
 
 QTEST_GUILESS_MAIN(tst_Demo)

@@ -1,0 +1,164 @@
+// Live-render figures beside ffmpeg, in one run:
+//   1. filter change to the first chunk of the window at the playhead on the
+//      timeline (startRender to previewReadyToInject of the 21 pictures from a
+//      position), against `ffmpeg -ss T -frames:v 21 -vf F -c:v ffv1`;
+//   2. rendering 10 s of 1080p H.264 through hflip,hqdn3d,yadif: pictures per
+//      second, and the growth of resident memory during the render, against
+//      `ffmpeg -vf F -c:v ffv1` on the same file and its peak resident memory.
+//
+// Run:  build/bench/liverender/bench_LiveRender [file.mp4]
+// Without a file it makes a 10 s 1080p H.264 clip (25 fps, B-frames) first.
+
+#include "playback/InstantReaderWatcher.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QGuiApplication>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdio>
+
+using videoplayer::InstantReaderWatcher;
+
+namespace {
+
+const QString kChain = QStringLiteral("hflip,hqdn3d,yadif");
+
+bool run(const QStringList &args)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process.setStandardOutputFile(QProcess::nullDevice());
+    process.start(QStringLiteral("ffmpeg"), QStringList{"-hide_banner", "-loglevel", "error", "-y"} + args);
+    return process.waitForFinished(600000) && process.exitCode() == 0;
+}
+
+qint64 residentKiB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').first().toLongLong();
+    }
+    return 0;
+}
+
+QVariantMap filterState(const QString &chain)
+{
+    const QVariantMap command{{"ffmpeg", QStringList{"-i", "in", "-filter_complex", "[0:v]" + chain + ",split=2[a][b]",
+                                                    "-c:v", "ffv1"}}};
+    return {{"video", QVariantMap{{"procInfo", QVariantMap{}}}},
+            {"output", QVariantMap{{"commands", QVariantList{command}}}}};
+}
+
+// Runs `start` and spins the event loop until `finished` says so; ms taken.
+template<typename Start, typename Finished>
+double timed(Start start, Finished finished, const std::function<void()> &sample = {})
+{
+    QElapsedTimer timer;
+    timer.start();
+    start();
+    while (!finished() && timer.elapsed() < 600000) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        if (sample)
+            sample();
+    }
+    return timer.nsecsElapsed() / 1e6;
+}
+
+void spread(const char *label, std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    std::printf("  %-34s median %8.1f ms  (min %.1f, max %.1f, n %zu)\n", label, v[v.size() / 2], v.front(), v.back(),
+                v.size());
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QGuiApplication app(argc, argv);
+    QTemporaryDir dir;
+    QString file = app.arguments().value(1);
+    if (file.isEmpty()) {
+        file = dir.filePath("bench1080.mp4");
+        std::printf("making %s ...\n", qPrintable(file));
+        if (!run({"-f", "lavfi", "-i", "testsrc2=size=1920x1080:rate=25", "-frames:v", "250", "-c:v", "libx264",
+                  "-preset", "veryfast", "-bf", "3", "-g", "50", "-pix_fmt", "yuv420p", file})) {
+            std::fprintf(stderr, "ffmpeg failed\n");
+            return 1;
+        }
+    }
+
+    InstantReaderWatcher watcher;
+    watcher.setProcessInfo(filterState(kChain), 1);
+    int chunks = 0;
+    QPoint last;
+    QString failure;
+    QObject::connect(&watcher, &InstantReaderWatcher::previewReadyToInject, [&](QString, QPoint range) {
+        ++chunks;
+        last = range;
+    });
+    QObject::connect(&watcher, &InstantReaderWatcher::renderFailed, [&](int, QString message) { failure = message; });
+
+    // 1. A filter change: the 21 pictures from a random playhead.
+    std::printf("filter change to the first chunk on the timeline, %s\n", qPrintable(kChain));
+    std::vector<double> ours;
+    std::vector<double> reference;
+    constexpr int kChanges = 7;
+    for (int i = 0; i < kChanges; ++i) {
+        const int at = 40 * QRandomGenerator::global()->bounded(200);
+        chunks = 0;
+        ours.push_back(timed([&] { watcher.startRender(1, file, at, at + 800); }, [&] { return chunks > 0; }));
+        const QString out = dir.filePath(QStringLiteral("ref%1.mkv").arg(i));
+        reference.push_back(timed(
+            [&] {
+                run({"-ss", QString::number(at / 1000.0, 'f', 3), "-i", file, "-frames:v", "21", "-vf", kChain,
+                     "-c:v", "ffv1", out});
+            },
+            [] { return true; }));
+    }
+    spread("watcher (startRender to chunk)", ours);
+    spread("ffmpeg -ss -frames:v 21 -vf -ffv1", reference);
+    std::sort(ours.begin(), ours.end());
+    std::sort(reference.begin(), reference.end());
+    std::printf("  ratio of medians: %.2fx  (<= 1.0 is the target)\n", ours[kChanges / 2] / reference[kChanges / 2]);
+
+    // 2. The whole file, rendered ahead.
+    std::printf("\nrendering %s through %s\n", qPrintable(file), qPrintable(kChain));
+    watcher.stopRender(1);
+    QCoreApplication::processEvents();
+    const qint64 before = residentKiB();
+    qint64 peak = before;
+    chunks = 0;
+    last = {};
+    const double ms = timed([&] { watcher.startRender(1, file, 0, -1); },
+                            [&] { return !failure.isEmpty() || last.y() + 1 >= 10000; },
+                            [&] { peak = std::max(peak, residentKiB()); });
+    if (!failure.isEmpty()) {
+        std::fprintf(stderr, "render failed: %s\n", qPrintable(failure));
+        return 1;
+    }
+    const double ffmpegMs = timed([&] { run({"-i", file, "-vf", kChain, "-c:v", "ffv1", dir.filePath("all.mkv")}); },
+                                  [] { return true; });
+    rusage children{};
+    getrusage(RUSAGE_CHILDREN, &children);
+    const double chunkMiB = 20.0 * 1920 * 1080 * 1.5 / 1048576.0;
+    std::printf("  watcher: %d chunks, %.1f pictures/s (%.0f ms)\n", chunks, 250 * 1000.0 / ms, ms);
+    std::printf("  ffmpeg -vf -c:v ffv1: %.1f pictures/s (%.0f ms)\n", 250 * 1000.0 / ffmpegMs, ffmpegMs);
+    std::printf("  ratio of rates: %.2fx  (>= 1.0 is the target)\n", ffmpegMs / ms);
+    std::printf("  resident memory growth during the render: %.0f MiB; ffmpeg's peak %.0f MiB + three chunks "
+                "(%.0f MiB) = %.0f MiB\n",
+                (peak - before) / 1024.0, children.ru_maxrss / 1024.0, 3 * chunkMiB,
+                children.ru_maxrss / 1024.0 + 3 * chunkMiB);
+    return 0;
+}
