@@ -828,10 +828,12 @@ ApplicationWindow {
                     color: "#c9d1d9"
                 }
                 Label {
-                    readonly property var shown: root.previewAt(root.position)
+                    readonly property var rendered: root.previewAt(root.position)
+                    readonly property var shown: rendered || (sidePanel.live ? sidePanel.live.previewAt(root.position) : null)
                     Layout.fillWidth: true
                     Layout.preferredWidth: 1
-                    text: "Preview set " + root.previewSet + (shown ? ": preview #" + shown.uid : ": input here")
+                    text: "Preview set " + root.previewSet
+                          + (rendered ? ": preview #" + rendered.uid : shown ? ": live chunk" : ": input here")
                     color: shown ? "#e0913a" : "#c9d1d9"
                 }
             }
