@@ -14,7 +14,6 @@ extern "C" {
 #include <cmath>
 #include <condition_variable>
 #include <deque>
-#include <thread>
 
 Q_LOGGING_CATEGORY(lcInstantReader, "kutils.videoio")
 
@@ -26,82 +25,6 @@ namespace {
 std::atomic<int> nextCounter{0};
 
 constexpr AVRational kMs{1, 1000};
-
-// Decodes a window's pictures a few ahead of the filters on a thread of its
-// own, so decoder and filters work at once. The source stands on the
-// window's first picture when it starts; the queue stays short, so memory
-// doesn't grow with the window, and a stopped render decodes at most that
-// many pictures in vain. Only the render asks its stop: the caller's stop
-// needn't be thread-safe.
-class DecodeAhead
-{
-public:
-    static constexpr size_t kAhead = 6;
-
-    DecodeAhead(FFReader &source, qlonglong endMs)
-        : m_source(source), m_endMs(endMs), m_thread([this] { run(); })
-    {
-    }
-
-    ~DecodeAhead()
-    {
-        {
-            const std::lock_guard lock(m_mutex);
-            m_quit = true;
-        }
-        m_wake.notify_all();
-        m_thread.join();
-    }
-
-    // The next picture of the window; null at its end.
-    ff::FramePtr pop()
-    {
-        std::unique_lock lock(m_mutex);
-        m_wake.wait(lock, [this] { return !m_queue.empty() || m_done; });
-        if (m_queue.empty())
-            return {};
-        ff::FramePtr picture = std::move(m_queue.front());
-        m_queue.pop_front();
-        lock.unlock();
-        m_wake.notify_all();
-        return picture;
-    }
-
-private:
-    void run()
-    {
-        while (true) {
-            {
-                std::unique_lock lock(m_mutex);
-                m_wake.wait(lock, [this] { return m_queue.size() < kAhead || m_quit; });
-                if (m_quit)
-                    break;
-            }
-            ff::FramePtr picture = m_source.decodedFrame();
-            const bool last = !picture || !m_source.next() || (m_endMs >= 0 && m_source.position() > m_endMs);
-            {
-                const std::lock_guard lock(m_mutex);
-                if (picture)
-                    m_queue.push_back(std::move(picture));
-                m_done = last;
-            }
-            m_wake.notify_all();
-            if (last)
-                return;
-        }
-        const std::lock_guard lock(m_mutex);
-        m_done = true;
-    }
-
-    FFReader &m_source;
-    const qlonglong m_endMs;
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    std::deque<ff::FramePtr> m_queue;
-    bool m_done = false;
-    bool m_quit = false;
-    std::thread m_thread;  // last: starts once the rest is set
-};
 
 } // namespace
 
@@ -472,29 +395,25 @@ InstantReader::RenderResult InstantReader::render(qlonglong startMs, qlonglong e
     WindowRun run(*this, *graph, tag, stop);
     graph->spent = true;
     qlonglong lastStart = 0;
-    {
-        DecodeAhead decoded(*m_source, endMs);
-        while (true) {
-            if (stop()) {
-                result.stopped = true;
-                break;
-            }
-            ff::FramePtr picture = decoded.pop();
-            if (!picture)
-                break;
-            lastStart = picture->pts;
-            if (!run.feed(std::move(picture)) || !run.cutFullChunks()) {
-                if (!run.stopped())
-                    result.error = QStringLiteral("filtering failed at %1 ms").arg(lastStart);
-                break;
-            }
-            ++result.pictures;
+    while (true) {
+        if (stop()) {
+            result.stopped = true;
+            break;
         }
+        ff::FramePtr picture = m_source->decodedFrame();
+        lastStart = picture ? picture->pts : 0;
+        if (!picture || !run.feed(std::move(picture)) || !run.cutFullChunks()) {
+            if (run.stopped())
+                break;
+            result.error = QStringLiteral("filtering failed at %1 ms").arg(m_source->position());
+            break;
+        }
+        ++result.pictures;
+        if (!m_source->next() || (endMs >= 0 && m_source->position() > endMs))
+            break;
     }
     if (result.error.isEmpty() && !result.stopped) {
-        if (result.pictures == 0)
-            result.error = QStringLiteral("no picture decoded at %1 ms").arg(startMs);
-        else if (result.pictures == 1)
+        if (result.pictures == 1)
             result.error = QStringLiteral("a window of one picture makes no preview");
         else if ((!run.feed(nullptr) || !run.cutRest(lastStart + std::llround(m_source->frameDurationMs())))
                  && !run.stopped())
