@@ -380,6 +380,11 @@ InstantReader::RenderResult InstantReader::render(qlonglong startMs, qlonglong e
     // pictures positioned inside it.
     if (reached && m_source->position() < startMs)
         reached = m_source->next();
+    // The file's last picture alone would make a lone-picture preview: such a
+    // window reaches back one picture, so the last frame can be re-rendered.
+    if (reached && (endMs < 0 || endMs >= m_source->position() + m_source->frameDurationMs())
+        && standsOnLastPicture())
+        reached = m_source->previous();
     emit setSeekingStatus(m_viewID, false, false);
     if (!reached || (endMs >= 0 && m_source->position() > endMs)) {
         result.error = QStringLiteral("no picture between %1 and %2 ms").arg(startMs).arg(endMs);
@@ -436,6 +441,19 @@ InstantReader::RenderResult InstantReader::render(qlonglong startMs, qlonglong e
             m_graph = std::move(next);
     }
     return result;
+}
+
+bool InstantReader::standsOnLastPicture()
+{
+    const qlonglong at = m_source->position();
+    const double frame = m_source->frameDurationMs();
+    // The duration is an estimate: only a picture near it is worth a probe.
+    if (at <= 0 || at + 2 * frame <= m_source->getInfo().value(QStringLiteral("duration")).toLongLong())
+        return false;
+    if (!m_source->next())
+        return true;
+    m_source->previous();
+    return false;
 }
 
 FrameBuffer InstantReader::frames() const

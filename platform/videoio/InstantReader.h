@@ -101,7 +101,8 @@ public:
         QString error;     // empty on success and on a stop
     };
     // Renders the window of every picture positioned in startMs..endMs (endMs
-    // -1: to the end of the file) through one graph, flushed at the end so
+    // -1: to the end of the file; one that would hold only the file's last
+    // picture starts a picture earlier) through one graph, flushed at the end so
     // that pictures a filter holds back come out in this window. Emits one
     // previewBufferReady per chunk of at most kChunkPictures source pictures,
     // never of one alone; the range of a chunk is its first picture's position
@@ -135,6 +136,8 @@ private:
     // (and `stopped` set) when `stop` says so first.
     FrameBuffer newBuffer(const std::function<bool()> &stop, bool *stopped);
     void handOn(const FrameBuffer &buffer, QPoint range, const PreviewChunk &chunk);
+    // Whether the source stands on the file's last picture; it stays there.
+    bool standsOnLastPicture();
 
     const int m_viewID;
     const std::unique_ptr<FFReader> m_source;

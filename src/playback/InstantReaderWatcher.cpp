@@ -201,8 +201,28 @@ bool InstantReaderWatcher::startRender(int viewID, QString path, qlonglong start
         return refuse(QStringLiteral("the render starts before the input: %1 ms").arg(startTS));
     if (endTS != -1 && endTS < startTS)
         return refuse(QStringLiteral("the render ends at %1 ms, before its start at %2 ms").arg(endTS).arg(startTS));
-    if (!QFileInfo(path).isFile())
-        return refuse(QStringLiteral("no such file: %1").arg(path));
+
+    // Opening the file and building its first graph take tens of ms at 1080p:
+    // the view's render thread does that, and reports what it cannot render.
+    log(QStringLiteral("render of view %1 from %2 to %3 ms of %4").arg(viewID).arg(startTS).arg(endTS).arg(path));
+    {
+        const std::lock_guard lock(v.renderMutex);
+        v.renderRequest = RenderRequest{path,
+                                        m_processInfo.value(viewID).value(QStringLiteral("filterComplex")).toString().toStdString(),
+                                        startTS, endTS, v.generation.load()};
+    }
+    v.renderWake.notify_one();
+    return true;
+}
+
+std::shared_ptr<videoio::InstantReader> InstantReaderWatcher::prepareReader(int viewID, const RenderRequest &request,
+                                                                            QString *error)
+{
+    View &v = *m_views[viewID];
+    if (!QFileInfo(request.path).isFile()) {
+        *error = QStringLiteral("no such file: %1").arg(request.path);
+        return {};
+    }
 
     // The view's reader of this file goes on from where it stands, so a window
     // that follows the last one is decoded on without a seek.
@@ -211,7 +231,7 @@ bool InstantReaderWatcher::startRender(int viewID, QString path, qlonglong start
     {
         const std::lock_guard lock(v.listMutex);
         for (const auto &candidate : v.watchList) {
-            if (candidate && candidate->getPath() == path && candidate->isOpen() && !reader)
+            if (candidate && candidate->getPath() == request.path && candidate->isOpen() && !reader)
                 reader = candidate;
             else
                 others.push_back(candidate);
@@ -220,9 +240,13 @@ bool InstantReaderWatcher::startRender(int viewID, QString path, qlonglong start
             v.watchList = {reader};
     }
     if (!reader) {
-        reader = std::make_shared<videoio::InstantReader>(path, viewID);
-        if (!reader->isOpen())
-            return refuse(QStringLiteral("cannot open %1").arg(path));
+        reader = std::make_shared<videoio::InstantReader>(request.path, viewID);
+        // Its signals are received where the UI's readers live.
+        reader->moveToThread(thread());
+        if (!reader->isOpen()) {
+            *error = QStringLiteral("cannot open %1").arg(request.path);
+            return {};
+        }
         addToWatchList(reader, viewID);
         const std::lock_guard lock(v.listMutex);
         std::erase_if(v.watchList, [&reader](const auto &r) { return r != reader; });
@@ -231,28 +255,23 @@ bool InstantReaderWatcher::startRender(int viewID, QString path, qlonglong start
         enqueueCloseRequest(std::move(other), viewID);
 
     const qlonglong duration = reader->getInfo().value(QStringLiteral("duration")).toLongLong();
-    if (startTS >= duration)
-        return refuse(QStringLiteral("the render starts at %1 ms, past the end at %2 ms").arg(startTS).arg(duration));
-
-    const std::string chain = m_processInfo.value(viewID).value(QStringLiteral("filterComplex")).toString().toStdString();
-    if (!reader->hasFilterGraph() || reader->filterChain() != chain) {
-        // Built here once, so that a chain that doesn't build is told to QML
-        // at once; the reader builds its next graphs itself.
-        std::string error;
+    if (request.start >= duration) {
+        *error = QStringLiteral("the render starts at %1 ms, past the end at %2 ms").arg(request.start).arg(duration);
+        return {};
+    }
+    if (!reader->hasFilterGraph() || reader->filterChain() != request.chain) {
+        // Built here once, so that a chain that doesn't build is told to QML;
+        // the reader builds its next graphs itself.
+        std::string buildError;
         videoio::FilterGraphWorker::Graph graph =
-            videoio::FilterGraphWorker::build(chain, reader->sourceArguments(), &error);
-        if (!graph.graph)
-            return refuse(QStringLiteral("the filter chain does not build: %1").arg(QString::fromStdString(error)));
-        reader->adoptFilterGraph(std::move(graph), chain);
+            videoio::FilterGraphWorker::build(request.chain, reader->sourceArguments(), &buildError);
+        if (!graph.graph) {
+            *error = QStringLiteral("the filter chain does not build: %1").arg(QString::fromStdString(buildError));
+            return {};
+        }
+        reader->adoptFilterGraph(std::move(graph), request.chain);
     }
-
-    log(QStringLiteral("render of view %1 from %2 to %3 ms of %4").arg(viewID).arg(startTS).arg(endTS).arg(path));
-    {
-        const std::lock_guard lock(v.renderMutex);
-        v.renderRequest = RenderRequest{reader, startTS, endTS, v.generation.load()};
-    }
-    v.renderWake.notify_one();
-    return true;
+    return reader;
 }
 
 void InstantReaderWatcher::stopRender(int viewID)
@@ -289,14 +308,21 @@ void InstantReaderWatcher::runRender(int viewID, const RenderRequest &request)
 {
     View &v = *m_views[viewID];
     const auto stop = [this, &v, &request] { return !m_running || v.generation != request.generation; };
-    const videoio::InstantReader::RenderResult result = request.reader->render(request.start, request.end,
-                                                                               request.generation, stop);
-    if (result.stopped || result.error.isEmpty())
+    QString error;
+    const std::shared_ptr<videoio::InstantReader> reader = prepareReader(viewID, request, &error);
+    if (reader && !stop()) {
+        const videoio::InstantReader::RenderResult result =
+            reader->render(request.start, request.end, request.generation, stop);
+        if (result.stopped)
+            return;
+        error = result.error;
+    }
+    if (error.isEmpty())
         return;
     const int generation = request.generation;
     QMetaObject::invokeMethod(
         this,
-        [this, viewID, generation, message = result.error] {
+        [this, viewID, generation, message = error] {
             if (m_views[viewID]->generation == generation)
                 fail(viewID, message);
         },

@@ -53,9 +53,11 @@ public:
 
     // Renders the pictures positioned in startTS..endTS (endTS -1: to the
     // end) of `path` through the view's chain, in chunks that arrive as
-    // previewReadyToInject. Stops the view's earlier render. False, with
-    // renderFailed, for a start below 0, an end before the start, a missing
-    // file, a start past its end or a chain that doesn't build.
+    // previewReadyToInject. Stops the view's earlier render. Returns at once:
+    // true means accepted, and what then cannot be rendered (a missing file, a
+    // start past its end, a chain that doesn't build) ends in renderFailed
+    // later. False, with renderFailed, for a start below 0 or an end before
+    // the start.
     Q_INVOKABLE bool startRender(int viewID, QString path, qlonglong startTS, qlonglong endTS);
     Q_INVOKABLE void stopRender(int viewID);
 
@@ -111,7 +113,8 @@ private:
     };
     struct RenderRequest
     {
-        std::shared_ptr<videoio::InstantReader> reader;
+        QString path;
+        std::string chain;
         qlonglong start;
         qlonglong end;
         int generation;
@@ -158,6 +161,9 @@ private:
     View &setUpView(int viewID);
     void renderLoop(int viewID);
     void runRender(int viewID, const RenderRequest &request);
+    // The view's reader of the request's file, open, with a graph of its
+    // chain; null with `error` set when the request cannot be rendered.
+    std::shared_ptr<videoio::InstantReader> prepareReader(int viewID, const RenderRequest &request, QString *error);
     void onChunkCached(QString file, QPoint range, int viewID, videoio::PreviewChunk chunk);
     // Stops the view's render: a picture in hand is its last.
     void stopView(View &v);

@@ -169,10 +169,13 @@ private slots:
         QTest::addColumn<int>("end");
         QTest::addColumn<int>("chunks");
         QTest::addColumn<double>("slowMoFactor");
+        QTest::addColumn<int>("first");  // the first chunk's start
 
-        QTest::newRow("labelled, from the playhead") << "[0:v]hflip[v]" << 1000 << 1800 << 2 << 1.0;
-        QTest::newRow("to the end") << "negate" << 3000 << -1 << 2 << 1.0;
-        QTest::newRow("slowed") << "setpts=2*PTS" << 0 << 760 << 1 << 2.0;
+        QTest::newRow("labelled, from the playhead") << "[0:v]hflip[v]" << 1000 << 1800 << 2 << 1.0 << 1000;
+        QTest::newRow("to the end") << "negate" << 3000 << -1 << 2 << 1.0 << 3000;
+        QTest::newRow("slowed") << "setpts=2*PTS" << 0 << 760 << 1 << 2.0 << 0;
+        // Never a lone picture: the window reaches back one.
+        QTest::newRow("the last picture") << "negate" << 3960 << -1 << 1 << 1.0 << 3920;
     }
 
     void renderedChunksAreAnnouncedForInjection()
@@ -182,6 +185,7 @@ private slots:
         QFETCH(int, end);
         QFETCH(int, chunks);
         QFETCH(double, slowMoFactor);
+        QFETCH(int, first);
 
         const auto watcher = makeWatcher();
         QSignalSpy injected(watcher.get(), &InstantReaderWatcher::previewReadyToInject);
@@ -190,7 +194,7 @@ private slots:
         QVERIFY(render(watcher.get(), 1, m_clip, start, end));
         QTRY_COMPARE_WITH_TIMEOUT(injected.count(), chunks, 30000);
         QCOMPARE(failed.count(), 0);
-        int next = start;
+        int next = first;
         for (const QVariantList &chunk : injected) {
             const QString file = chunk.at(0).toString();
             const QPoint range = chunk.at(1).toPoint();
@@ -246,14 +250,17 @@ private slots:
         QTest::addColumn<int>("start");
         QTest::addColumn<int>("end");
         QTest::addColumn<QString>("message");
+        // What needs the file is found on the render thread, after startRender
+        // accepted the request.
+        QTest::addColumn<bool>("accepted");
 
-        QTest::newRow("chain that doesn't build") << "nosuchfilter" << "clip.mp4" << 0 << -1 << "does not build";
-        QTest::newRow("two outputs") << "[0:v]split[a][b]" << "clip.mp4" << 0 << -1 << "does not build";
-        QTest::newRow("missing file") << "hflip" << "missing.mp4" << 0 << -1 << "no such file";
-        QTest::newRow("start past the end") << "hflip" << "clip.mp4" << 4000 << -1 << "past the end";
-        QTest::newRow("end before start") << "hflip" << "clip.mp4" << 500 << 400 << "before its start";
-        QTest::newRow("negative start") << "hflip" << "clip.mp4" << -1 << -1 << "before the input";
-        QTest::newRow("one picture") << "hflip" << "clip.mp4" << 3960 << -1 << "one picture";
+        QTest::newRow("chain that doesn't build") << "nosuchfilter" << "clip.mp4" << 0 << -1 << "does not build" << true;
+        QTest::newRow("two outputs") << "[0:v]split[a][b]" << "clip.mp4" << 0 << -1 << "does not build" << true;
+        QTest::newRow("missing file") << "hflip" << "missing.mp4" << 0 << -1 << "no such file" << true;
+        QTest::newRow("start past the end") << "hflip" << "clip.mp4" << 4000 << -1 << "past the end" << true;
+        QTest::newRow("end before start") << "hflip" << "clip.mp4" << 500 << 400 << "before its start" << false;
+        QTest::newRow("negative start") << "hflip" << "clip.mp4" << -1 << -1 << "before the input" << false;
+        QTest::newRow("one picture") << "hflip" << "clip.mp4" << 1000 << 1000 << "one picture" << true;
     }
 
     void badInputFailsAndReleasesThePlayer()
@@ -263,16 +270,21 @@ private slots:
         QFETCH(int, start);
         QFETCH(int, end);
         QFETCH(QString, message);
+        QFETCH(bool, accepted);
 
         const auto watcher = makeWatcher();
+        QThread *failedOn = nullptr;
+        connect(watcher.get(), &InstantReaderWatcher::renderFailed, this,
+                [&failedOn] { failedOn = QThread::currentThread(); }, Qt::DirectConnection);
         QSignalSpy failed(watcher.get(), &InstantReaderWatcher::renderFailed);
         QSignalSpy init(watcher.get(), &InstantReaderWatcher::updateFilterInitStatus);
         apply(watcher.get(), chainCommand(chain.split(",split").first()), 1);
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("failed: .*" + message));
         if (message == "one picture")
             QTest::ignoreMessage(QtWarningMsg, QRegularExpression("Render of view 1 .*one picture"));
-        render(watcher.get(), 1, m_dir.filePath(file), start, end);
+        QCOMPARE(render(watcher.get(), 1, m_dir.filePath(file), start, end), accepted);
         QTRY_COMPARE_WITH_TIMEOUT(failed.count(), 1, 20000);
+        QCOMPARE(failedOn, QThread::currentThread());
         QCOMPARE(failed.first().at(0).toInt(), 1);
         QVERIFY2(failed.first().at(1).toString().contains(message), qPrintable(failed.first().at(1).toString()));
         QTRY_VERIFY_WITH_TIMEOUT(!init.isEmpty() && init.last() == (QVariantList{1, false, false}), 20000);
