@@ -1,0 +1,297 @@
+// A filter change to the filtered picture on screen, beside ffmpeg and a bare
+// mpv pane:
+//   ours       the demo's live-render wiring (demo/LiveRender.qml) with the
+//              player and two real mpv panes: from the filter change until a
+//              grab of the right pane shows the filtered picture at the
+//              playhead;
+//   reference  `ffmpeg -ss T -frames:v 21 -vf F -c:v ffv1`, then an mpv pane
+//              of its own loads that file: until a grab shows its first picture.
+// "Shows" means PSNR >= 35 dB against a third pane showing ffmpeg's filtered
+// picture at T, so that both sides are scaled by mpv alike. Every run builds a
+// fresh scene at a random playhead, so nothing of the last run is on screen.
+//
+// Run (needs a display; without one):
+//   tests/support/with-xvfb.sh build/bench/liverender/bench_LiveRenderScreen [file.mp4]
+// Without a file it makes a 10 s 1080p H.264 clip (25 fps, B-frames) first.
+
+#include "BenchStats.h"
+#include "playback/InstantReaderWatcher.h"
+#include "playback/MPVObject.h"
+#include "playback/VideoPlayer.h"
+
+#include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QProcess>
+#include <QQmlComponent>
+#include <QQmlEngine>
+#include <QQuickWindow>
+#include <QRandomGenerator>
+#include <QScreen>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+using videoplayer::InstantReaderWatcher;
+using videoplayer::VideoPlayer;
+
+namespace {
+
+const QString kChain = QStringLiteral("hflip,hqdn3d,yadif");
+constexpr int kDurationMs = 10000;
+constexpr double kMatchDb = 35.0;
+constexpr qint64 kPatienceMs = 60000;
+
+const QByteArray kScene = R"(
+import QtQuick
+import QtQuick.Window
+import kutils 1.0
+import "%1"
+Window {
+    width: 640; height: 480; visible: true; color: "black"
+    property alias player: player
+    property alias live: live
+    MPVObject { id: left; x: 0; y: 0; width: 320; height: 240 }
+    MPVObject { id: right; x: 320; y: 0; width: 320; height: 240 }
+    MPVObject { objectName: "expected"; x: 0; y: 240; width: 320; height: 240 }
+    MPVObject { objectName: "bare"; x: 320; y: 240; width: 320; height: 240 }
+    VideoPlayer { id: player; m_mpvs: [left, right] }
+    LiveRender { id: live; player: player; previewSet: 5; fps: 25 }
+    function open(input, duration) {
+        player.addInput(1, 0, input, duration, 25.0, 1.0, true, { duration: duration, fps: 25.0 })
+        player.setPreviewSet(1, 5)
+        live.inputPath = input
+        live.inputUid = 1
+    }
+}
+)";
+
+bool ffmpeg(const QStringList &args)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process.setStandardOutputFile(QProcess::nullDevice());
+    process.start(QStringLiteral("ffmpeg"), QStringList{"-hide_banner", "-loglevel", "error", "-y"} + args);
+    return process.waitForFinished(600000) && process.exitCode() == 0;
+}
+
+// Spins the event loop until `done`; false when it never was.
+template<typename Done>
+bool spinUntil(Done done, qint64 timeoutMs = kPatienceMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > timeoutMs)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    }
+    return true;
+}
+
+// Peak signal to noise of two pictures of equal size, in dB over RGB.
+double psnr(const QImage &a, const QImage &b)
+{
+    double squared = 0;
+    for (int y = 0; y < a.height(); ++y) {
+        const auto *p = reinterpret_cast<const QRgb *>(a.constScanLine(y));
+        const auto *q = reinterpret_cast<const QRgb *>(b.constScanLine(y));
+        for (int x = 0; x < a.width(); ++x) {
+            for (const int d : {qRed(p[x]) - qRed(q[x]), qGreen(p[x]) - qGreen(q[x]), qBlue(p[x]) - qBlue(q[x])})
+                squared += d * d;
+        }
+    }
+    const double mse = squared / (3.0 * a.width() * a.height());
+    return mse == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / mse);
+}
+
+double loadAverage()
+{
+    double load[1] = {0};
+    return getloadavg(load, 1) == 1 ? load[0] : -1;
+}
+
+void spread(const char *label, const std::vector<double> &v)
+{
+    std::printf("  %-40s median %7.1f ms  (min %.1f, max %.1f, n %zu)\n", label, benchstats::median(v),
+                benchstats::best(v), benchstats::worst(v), v.size());
+}
+
+// One window of the demo's scene, opened on the input at a playhead.
+class Scene
+{
+public:
+    explicit Scene(QQmlEngine &engine)
+    {
+        QQmlComponent component(&engine);
+        component.setData(QString::fromUtf8(kScene)
+                              .arg(QUrl::fromLocalFile(QStringLiteral(KUTILS_SOURCE_DIR "/demo")).toString())
+                              .toUtf8(), QUrl());
+        m_root.reset(component.create());
+        if (!m_root) {
+            m_error = component.errorString();
+            return;
+        }
+        m_window = qobject_cast<QQuickWindow *>(m_root.get());
+        m_player = qobject_cast<VideoPlayer *>(m_root->property("player").value<QObject *>());
+        m_live = m_root->property("live").value<QObject *>();
+    }
+
+    QString error() const { return m_error; }
+    QObject *live() const { return m_live; }
+
+    // Opens the input, pauses at `ms` and turns live render on: what the
+    // demo has done before a filter is chosen.
+    bool openAt(const QString &input, int ms)
+    {
+        const auto panes = m_root->findChildren<MPVObject *>();
+        if (!spinUntil([&] { return std::all_of(panes.begin(), panes.end(), [](MPVObject *p) { return p->surface(); }); }))
+            return fail("the panes got no surface");
+        QMetaObject::invokeMethod(m_root.get(), "open", Q_ARG(QVariant, input), Q_ARG(QVariant, kDurationMs));
+        if (!spinUntil([&] { return m_player->isIdle() && m_player->getIsOpen(); }))
+            return fail("the player did not open the input");
+        m_player->seek(ms);
+        if (!spinUntil([&] { return m_player->isIdle() && m_player->getInputTimestamp() == ms; }))
+            return fail("the player did not reach the playhead");
+        // Turning it on realigns the panes and stops their renders: a filter
+        // change before that settles would be stopped.
+        QMetaObject::invokeMethod(m_live, "setEnabled", Q_ARG(QVariant, true));
+        if (!spinUntil([&] { return m_player->isIdle(); }))
+            return fail("the player did not settle with live render on");
+        QCoreApplication::sendPostedEvents();
+        return true;
+    }
+
+    // Shows `file` in the named pane, as a bare mpv shows a file.
+    bool load(const char *pane, const QString &file)
+    {
+        auto *mpv = m_root->findChild<MPVObject *>(QLatin1String(pane));
+        QSignalSpy loaded(mpv, &MPVObject::fileLoaded);
+        mpv->load(file, 0);
+        return spinUntil([&] { return !loaded.isEmpty(); });
+    }
+
+    // The inner part of a pane: column and row of the 2 x 2 grid.
+    QImage grab(int column, int row) const
+    {
+        const QImage window = m_window->screen()->grabWindow(m_window->winId()).toImage();
+        return window.copy(column * 320 + 20, row * 240 + 20, 280, 200).convertToFormat(QImage::Format_RGB32);
+    }
+
+    // Whether a pane shows what the expected pane does.
+    bool shows(int column, int row) const { return psnr(grab(column, row), grab(0, 1)) >= kMatchDb; }
+
+    // The expected pane has its picture once two grabs agree and it is not black.
+    bool expectedSettled() const
+    {
+        const QImage first = grab(0, 1);
+        const QImage second = grab(0, 1);
+        QImage black(first.size(), first.format());
+        black.fill(Qt::black);
+        return psnr(first, second) >= 60 && psnr(first, black) < 30;
+    }
+
+    bool fail(const char *what)
+    {
+        m_error = QString::fromLatin1(what);
+        return false;
+    }
+
+private:
+    QString m_error;
+    std::unique_ptr<QObject> m_root;
+    QQuickWindow *m_window = nullptr;
+    VideoPlayer *m_player = nullptr;
+    QObject *m_live = nullptr;
+};
+
+double since(const QElapsedTimer &timer)
+{
+    return timer.nsecsElapsed() / 1e6;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    // Xvfb has no GPU: mpv must draw in software, as in the GUI tests.
+    if (qEnvironmentVariableIsEmpty("KUTILS_CONFIG_FILE"))
+        qputenv("KUTILS_CONFIG_FILE", KUTILS_SOURCE_DIR "/tests/support/test-config.json");
+    QGuiApplication app(argc, argv);
+    qmlRegisterType<MPVObject>("kutils", 1, 0, "MPVObject");
+    qmlRegisterType<VideoPlayer>("kutils", 1, 0, "VideoPlayer");
+    qmlRegisterType<InstantReaderWatcher>("kutils", 1, 0, "InstantReaderWatcher");
+    QTemporaryDir dir;
+    QString file = app.arguments().value(1);
+    if (file.isEmpty()) {
+        file = dir.filePath("bench1080.mp4");
+        std::printf("making %s ...\n", qPrintable(file));
+        if (!ffmpeg({"-f", "lavfi", "-i", "testsrc2=size=1920x1080:rate=25", "-frames:v", "250", "-c:v", "libx264",
+                     "-preset", "veryfast", "-bf", "3", "-g", "50", "-pix_fmt", "yuv420p", file})) {
+            std::fprintf(stderr, "ffmpeg failed\n");
+            return 1;
+        }
+    }
+
+    QQmlEngine engine;
+    std::printf("filter change to the filtered picture on screen, %s, load average %.2f\n", qPrintable(kChain),
+                loadAverage());
+    std::vector<double> ours;
+    std::vector<double> reference;
+    std::vector<double> ratios;
+    constexpr int kChanges = 5;
+    for (int i = 0; i < kChanges; ++i) {
+        // Not the last second: the window of 21 pictures fits the file.
+        const int at = 40 * QRandomGenerator::global()->bounded(200);
+        Scene scene(engine);
+        const QString expected = dir.filePath(QStringLiteral("expected%1.mkv").arg(i));
+        const QString twentyOne = dir.filePath(QStringLiteral("ref%1.mkv").arg(i));
+        const QString ss = QString::number(at / 1000.0, 'f', 3);
+        if (scene.error().isEmpty() && scene.openAt(file, at)
+            && !ffmpeg({"-ss", ss, "-i", file, "-frames:v", "1", "-vf", kChain, "-c:v", "ffv1", expected}))
+            scene.fail("ffmpeg failed");
+        if (scene.error().isEmpty() && !scene.load("expected", expected))
+            scene.fail("mpv did not load ffmpeg's picture");
+        if (scene.error().isEmpty() && !spinUntil([&] { return scene.expectedSettled(); }))
+            scene.fail("the expected pane showed no steady picture");
+        if (!scene.error().isEmpty()) {
+            std::fprintf(stderr, "run %d at %d ms: %s\n", i, at, qPrintable(scene.error()));
+            return 1;
+        }
+        if (scene.shows(1, 0)) {
+            std::fprintf(stderr, "run %d at %d ms: the right pane shows the filtered picture before the change\n", i, at);
+            return 1;
+        }
+
+        QElapsedTimer timer;
+        timer.start();
+        QMetaObject::invokeMethod(scene.live(), "setFilter", Q_ARG(QVariant, kChain));
+        if (!spinUntil([&] { return scene.shows(1, 0); })) {
+            std::fprintf(stderr, "run %d at %d ms: the right pane never showed the filtered picture (%s)\n", i, at,
+                         qPrintable(scene.live()->property("lastError").toString()));
+            return 1;
+        }
+        ours.push_back(since(timer));
+
+        timer.start();
+        if (!ffmpeg({"-ss", ss, "-i", file, "-frames:v", "21", "-vf", kChain, "-c:v", "ffv1", twentyOne})
+            || !scene.load("bare", twentyOne) || !spinUntil([&] { return scene.shows(1, 1); })) {
+            std::fprintf(stderr, "run %d at %d ms: the bare pane never showed ffmpeg's file\n", i, at);
+            return 1;
+        }
+        reference.push_back(since(timer));
+        ratios.push_back(ours.back() / reference.back());
+        std::printf("  run %d at %5d ms: ours %7.1f ms, reference %7.1f ms\n", i, at, ours.back(), reference.back());
+    }
+    spread("live render (filter change to screen)", ours);
+    spread("ffmpeg 21 pictures + mpv showing them", reference);
+    std::printf("  ratio of medians %.2fx (per run: median %.2f, min %.2f, max %.2f)  (<= 1.0 is the target); "
+                "load average now %.2f\n",
+                benchstats::median(ours) / benchstats::median(reference), benchstats::median(ratios),
+                benchstats::best(ratios), benchstats::worst(ratios), loadAverage());
+    return 0;
+}
