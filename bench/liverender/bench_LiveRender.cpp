@@ -10,12 +10,12 @@
 // Without a file it makes a 10 s 1080p H.264 clip (25 fps, B-frames) first.
 
 #include "BenchStats.h"
+#include "LiveRenderMedia.h"
 #include "playback/InstantReaderWatcher.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QGuiApplication>
-#include <QProcess>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -28,18 +28,13 @@
 
 using videoplayer::InstantReaderWatcher;
 
+using liverenderbench::ffmpeg;
+using liverenderbench::loadAverage;
+using liverenderbench::inputOrClip;
+
 namespace {
 
 const QString kChain = QStringLiteral("hflip,hqdn3d,yadif");
-
-bool run(const QStringList &args)
-{
-    QProcess process;
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.setStandardOutputFile(QProcess::nullDevice());
-    process.start(QStringLiteral("ffmpeg"), QStringList{"-hide_banner", "-loglevel", "error", "-y"} + args);
-    return process.waitForFinished(600000) && process.exitCode() == 0;
-}
 
 qint64 residentKiB()
 {
@@ -82,12 +77,6 @@ void spread(const char *label, const std::vector<double> &v, const char *unit = 
                 benchstats::best(v), benchstats::worst(v), v.size());
 }
 
-double loadAverage()
-{
-    double load[1] = {0};
-    return getloadavg(load, 1) == 1 ? load[0] : -1;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -95,16 +84,9 @@ int main(int argc, char **argv)
     qputenv("QT_QPA_PLATFORM", "offscreen");
     QGuiApplication app(argc, argv);
     QTemporaryDir dir;
-    QString file = app.arguments().value(1);
-    if (file.isEmpty()) {
-        file = dir.filePath("bench1080.mp4");
-        std::printf("making %s ...\n", qPrintable(file));
-        if (!run({"-f", "lavfi", "-i", "testsrc2=size=1920x1080:rate=25", "-frames:v", "250", "-c:v", "libx264",
-                  "-preset", "veryfast", "-bf", "3", "-g", "50", "-pix_fmt", "yuv420p", file})) {
-            std::fprintf(stderr, "ffmpeg failed\n");
-            return 1;
-        }
-    }
+    const QString file = inputOrClip(app.arguments().value(1), dir);
+    if (file.isEmpty())
+        return 1;
 
     InstantReaderWatcher watcher;
     watcher.setProcessInfo(filterState(kChain), 1);
@@ -129,8 +111,8 @@ int main(int argc, char **argv)
         const QString out = dir.filePath(QStringLiteral("ref%1.mkv").arg(i));
         reference.push_back(timed(
             [&] {
-                run({"-ss", QString::number(at / 1000.0, 'f', 3), "-i", file, "-frames:v", "21", "-vf", kChain,
-                     "-c:v", "ffv1", out});
+                ffmpeg({"-ss", QString::number(at / 1000.0, 'f', 3), "-i", file, "-frames:v", "21", "-vf", kChain,
+                        "-c:v", "ffv1", out});
             },
             [] { return true; }));
     }
@@ -165,7 +147,7 @@ int main(int argc, char **argv)
         }
         growth = std::max(growth, peak - before);
         const double ffmpegMs = timed(
-            [&] { run({"-i", file, "-vf", kChain, "-c:v", "ffv1", dir.filePath("all.mkv")}); }, [] { return true; });
+            [&] { ffmpeg({"-i", file, "-vf", kChain, "-c:v", "ffv1", dir.filePath("all.mkv")}); }, [] { return true; });
         ourRates.push_back(250 * 1000.0 / ms);
         ffmpegRates.push_back(250 * 1000.0 / ffmpegMs);
         ratios.push_back(ffmpegMs / ms);
