@@ -19,6 +19,7 @@
 
 #include "BenchStats.h"
 #include "LiveRenderMedia.h"
+#include "LiveRenderScene.h"
 #include "playback/InstantReaderWatcher.h"
 #include "playback/MPVObject.h"
 #include "playback/VideoPlayer.h"
@@ -45,6 +46,8 @@ using videoplayer::VideoPlayer;
 using liverenderbench::ffmpeg;
 using liverenderbench::loadAverage;
 using liverenderbench::inputOrClip;
+using liverenderscene::kScene;
+using liverenderscene::psnr;
 
 namespace {
 
@@ -52,30 +55,6 @@ const QString kChain = QStringLiteral("hflip,hqdn3d,yadif");
 constexpr int kDurationMs = 10000;
 constexpr double kMatchDb = 35.0;
 constexpr qint64 kPatienceMs = 60000;
-
-const QByteArray kScene = R"(
-import QtQuick
-import QtQuick.Window
-import kutils 1.0
-import "%1"
-Window {
-    width: 640; height: 480; visible: true; color: "black"
-    property alias player: player
-    property alias live: live
-    MPVObject { id: left; x: 0; y: 0; width: 320; height: 240 }
-    MPVObject { id: right; x: 320; y: 0; width: 320; height: 240 }
-    MPVObject { objectName: "expected"; x: 0; y: 240; width: 320; height: 240 }
-    MPVObject { objectName: "bare"; x: 320; y: 240; width: 320; height: 240 }
-    VideoPlayer { id: player; m_mpvs: [left, right] }
-    LiveRender { id: live; player: player; previewSet: 5; fps: 25 }
-    function open(input, duration) {
-        player.addInput(1, 0, input, duration, 25.0, 1.0, true, { duration: duration, fps: 25.0 })
-        player.setPreviewSet(1, 5)
-        live.inputPath = input
-        live.inputUid = 1
-    }
-}
-)";
 
 // Spins the event loop until `done`; false when it never was.
 template<typename Done>
@@ -89,22 +68,6 @@ bool spinUntil(Done done, qint64 timeoutMs = kPatienceMs)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
     }
     return true;
-}
-
-// Peak signal to noise of two pictures of equal size, in dB over RGB.
-double psnr(const QImage &a, const QImage &b)
-{
-    double squared = 0;
-    for (int y = 0; y < a.height(); ++y) {
-        const auto *p = reinterpret_cast<const QRgb *>(a.constScanLine(y));
-        const auto *q = reinterpret_cast<const QRgb *>(b.constScanLine(y));
-        for (int x = 0; x < a.width(); ++x) {
-            for (const int d : {qRed(p[x]) - qRed(q[x]), qGreen(p[x]) - qGreen(q[x]), qBlue(p[x]) - qBlue(q[x])})
-                squared += d * d;
-        }
-    }
-    const double mse = squared / (3.0 * a.width() * a.height());
-    return mse == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / mse);
 }
 
 void spread(const char *label, const std::vector<double> &v)
@@ -250,7 +213,7 @@ int main(int argc, char **argv)
         if (scene.error().isEmpty()
             && !ffmpeg({"-ss", ss, "-i", file, "-frames:v", "1", "-vf", kChain, "-c:v", "ffv1", expected}))
             scene.fail("ffmpeg failed");
-        if (scene.error().isEmpty() && !scene.load("expected", expected))
+        if (scene.error().isEmpty() && !scene.load("refLeft", expected))
             scene.fail("mpv did not load ffmpeg's picture");
         if (scene.error().isEmpty() && !spinUntil([&] { return scene.expectedSettled(); }))
             scene.fail("the expected pane showed no steady picture");
@@ -282,7 +245,7 @@ int main(int argc, char **argv)
 
         timer.start();
         if (!ffmpeg({"-ss", ss, "-i", file, "-frames:v", "21", "-vf", kChain, "-c:v", "ffv1", twentyOne})
-            || !scene.load("bare", twentyOne) || !spinUntil([&] { return scene.shows(1, 1); })) {
+            || !scene.load("refRight", twentyOne) || !spinUntil([&] { return scene.shows(1, 1); })) {
             std::fprintf(stderr, "run %d at %d ms: the bare pane never showed ffmpeg's file\n", i, at);
             return 1;
         }

@@ -2,6 +2,7 @@
 // demo's own live-render wiring of the watcher. A filter change must put the
 // filtered frame into the right pane, as ffmpeg would filter it, while the
 // left pane keeps the plain one.
+#include "LiveRenderScene.h"
 #include "PlayerMedia.h"
 
 #include "playback/InstantReaderWatcher.h"
@@ -20,50 +21,8 @@
 
 using videoplayer::InstantReaderWatcher;
 using videoplayer::VideoPlayer;
-
-namespace {
-
-const QByteArray kScene = R"(
-import QtQuick
-import QtQuick.Window
-import kutils 1.0
-import "%1"
-Window {
-    width: 640; height: 480; visible: true; color: "black"
-    property alias player: player
-    property alias live: live
-    MPVObject { id: left; x: 0; y: 0; width: 320; height: 240 }
-    MPVObject { id: right; x: 320; y: 0; width: 320; height: 240 }
-    MPVObject { objectName: "refLeft"; x: 0; y: 240; width: 320; height: 240 }
-    MPVObject { objectName: "refRight"; x: 320; y: 240; width: 320; height: 240 }
-    VideoPlayer { id: player; m_mpvs: [left, right] }
-    LiveRender { id: live; player: player; previewSet: 5; fps: 25 }
-    function open(input) {
-        player.addInput(1, 0, input, 4000, 25.0, 1.0, true, { duration: 4000, fps: 25.0 })
-        player.setPreviewSet(1, 5)
-        live.inputPath = input
-        live.inputUid = 1
-    }
-}
-)";
-
-// Peak signal to noise of two regions of equal size, in dB over RGB.
-double psnr(const QImage &a, const QImage &b)
-{
-    double squared = 0;
-    for (int y = 0; y < a.height(); ++y) {
-        for (int x = 0; x < a.width(); ++x) {
-            const QRgb p = a.pixel(x, y);
-            const QRgb q = b.pixel(x, y);
-            for (const int d : {qRed(p) - qRed(q), qGreen(p) - qGreen(q), qBlue(p) - qBlue(q)})
-                squared += d * d;
-        }
-    }
-    const double mse = squared / (3.0 * a.width() * a.height());
-    return mse == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / mse);
-}
-
-} // namespace
+using liverenderscene::kScene;
+using liverenderscene::psnr;
 
 class tst_LiveRenderMpv : public QObject
 {
@@ -149,7 +108,7 @@ private slots:
         const auto panes = m_root->findChildren<MPVObject *>();
         QTRY_VERIFY_WITH_TIMEOUT(std::all_of(panes.begin(), panes.end(), [](MPVObject *p) { return p->surface(); }),
                                  30000);
-        QMetaObject::invokeMethod(m_root.get(), "open", Q_ARG(QVariant, m_input));
+        QMetaObject::invokeMethod(m_root.get(), "open", Q_ARG(QVariant, m_input), Q_ARG(QVariant, 4000));
         QTRY_VERIFY_WITH_TIMEOUT(m_player->isIdle() && m_player->getIsOpen(), 30000);
         m_player->seek(1000);
         QTRY_VERIFY_WITH_TIMEOUT(m_player->isIdle() && m_player->getInputTimestamp() == 1000, 30000);
