@@ -3,6 +3,8 @@
 #include "playback/SyncMath.h"
 #include "plugin/Configuration.h"
 
+#include "os/DecodeDevices.h"
+
 #include <mpv/client.h>
 
 #include <clocale>
@@ -47,13 +49,20 @@ MPVPlayer::MPVPlayer()
         return;
     }
     setOption("terminal", "yes");
-    setOption("msg-level", "all=error");
     // Hardware-decoder probing reports every API the machine lacks (CUDA,
     // VA-API) as an error at each load; those modules go quiet, while the
     // decoders' and demuxers' own errors still show.
     setOption("msg-level", "all=error,ffmpeg=fatal,ffmpeg/video=error,ffmpeg/audio=error,ffmpeg/demuxer=error,"
                            "vaapi=fatal,vdpau=fatal,cuda=fatal");
     setOption("hwdec", "auto-safe");
+    // Some probes bypass mpv's log: the CUDA loader and libvdpau write to
+    // stderr themselves, and FFmpeg's lines lose mpv's filter once the first
+    // mpv context of the process is gone. On a machine with no decoding
+    // device every probe can only fail, so none is made: with no codec listed
+    // for hardware decoding, mpv decodes in software at once. The decoder
+    // setting stays as it is and takes over wherever a device exists.
+    if (!os::DecodeDevices::present())
+        setOption("hwdec-codecs", "");
     setOption("osd-level", "0");
     setOption("framedrop", "decoder");
     // Older libmpv knows the colour as "background", newer as "background-color".
@@ -327,8 +336,13 @@ void MPVPlayer::applyFilter(const std::string &filterComplex)
 
 void MPVPlayer::setMute(bool mute)
 {
-    if (mpv)
-        mpv_set_property_string(mpv.get(), "mute", mute ? "yes" : "no");
+    if (mpv && mpv_set_property_string(mpv.get(), "mute", mute ? "yes" : "no") >= 0)
+        muted = mute;
+}
+
+bool MPVPlayer::isMuted() const
+{
+    return muted;
 }
 
 void MPVPlayer::setSpeedProperty(double speed)

@@ -53,6 +53,7 @@ public:
     QRect crop() const;
     void applyFilter(const std::string &filterComplex);
     void setMute(bool mute);
+    bool isMuted() const;
     // The "speed" property, set without a command and without waiting: the
     // frame lock's trims, which must not look like the player's own commands.
     void setSpeedProperty(double speed);
@@ -119,6 +120,7 @@ private:
     std::optional<qint64> pendingSeek;
     std::atomic<bool> seekByFrame{false};
     std::atomic<bool> hdrHint{false};
+    std::atomic<bool> muted{false};
     std::atomic<float> framerate{0.0f};
     std::atomic<qint64> lastSeekFrame{0};
     CommandObserver observer;
