@@ -47,13 +47,16 @@ void FrameLock::bend(Line &line, double rate, double wallMs)
     line.rate = rate;
 }
 
-double FrameLock::offsetLocked(double wallMs) const
+double FrameLock::gap(double wallMs) const
 {
     const Line &leader = lines[kLeader];
     const Line &follower = lines[kFollower];
-    if (!known(leader) || !known(follower))
-        return 0;
     return (phase(follower) + follower.rate * wallMs) - (phase(leader) + leader.rate * wallMs);
+}
+
+double FrameLock::offsetLocked(double wallMs) const
+{
+    return known(lines[kLeader]) && known(lines[kFollower]) ? gap(wallMs) : 0;
 }
 
 double FrameLock::offsetAt(double wallMs) const
@@ -62,7 +65,8 @@ double FrameLock::offsetAt(double wallMs) const
     return offsetLocked(wallMs);
 }
 
-FrameLock::Action FrameLock::report(int pane, double inputMs, double wallMs, double rate, double frameMs)
+FrameLock::Action FrameLock::report(int pane, double inputMs, double wallMs, double rate, double frameMs,
+                                     bool followerHeard)
 {
     const std::lock_guard lock(mutex);
     if ((pane != kLeader && pane != kFollower) || !(rate > 0) || !(frameMs > 0) || wallMs <= 0)
@@ -78,17 +82,27 @@ FrameLock::Action FrameLock::report(int pane, double inputMs, double wallMs, dou
     while (!line.samples.empty() && line.samples.front().first < wallMs - settings.windowMs)
         line.samples.pop_front();
 
+    // Either pane's report may move the follower: waiting for the follower's
+    // own would leave a gap found on the leader's report standing a frame longer.
     Line &follower = lines[kFollower];
-    if (pane != kFollower || !known(lines[kLeader]) || !known(follower))
+    const Line &leader = lines[kLeader];
+    if (leader.samples.size() < 2 || follower.samples.size() < 2)
         return {};
-    const double offset = offsetLocked(wallMs);
+    const bool steady = known(leader) && known(follower);
+    const double offset = gap(wallMs);
+    // Reports scatter by a few milliseconds, never by half a frame: a gap that
+    // wide is acted on from two reports a pane, a smaller one waits for the
+    // median of more, and so does the check of a re-seek.
+    if (!steady && (reseekPending || std::abs(offset) <= 0.5 * frameMs))
+        return {};
+    const double followerRate = follower.rate / follower.trim;
     bool again = false;
     if (reseekPending) {
         // What the last re-seek missed by says how long a seek takes now; a
         // miss of over half a frame is put right at once with that lead,
         // rather than trimmed away over a second.
         reseekPending = false;
-        seekLead = std::clamp(seekLead - offset / std::max(0.05, follower.rate), 0.0, 500.0);
+        seekLead = std::clamp(seekLead - offset / std::max(0.05, followerRate), 0.0, 500.0);
         again = std::abs(offset) > 0.5 * frameMs && correctiveReseeks++ < 1;
     } else {
         correctiveReseeks = 0;
@@ -97,7 +111,6 @@ FrameLock::Action FrameLock::report(int pane, double inputMs, double wallMs, dou
         if (!again && wallMs - lastReseek < settings.reseekCooldownMs)
             return {};
         lastReseek = wallMs;
-        const Line &leader = lines[kLeader];
         const double target = phase(leader) + leader.rate * (wallMs + seekLead);
         // The follower starts a new line once it plays again.
         follower = Line{};
@@ -106,14 +119,15 @@ FrameLock::Action FrameLock::report(int pane, double inputMs, double wallMs, dou
     }
     double trim = 1.0;
     if (std::abs(offset) > settings.deadbandMs) {
-        const double wanted = offset / (settings.horizonMs * rate);
-        trim = 1.0 - std::clamp(wanted, -settings.maxTrim, settings.maxTrim);
+        const double wanted = offset / (settings.horizonMs * followerRate);
+        const double bound = followerHeard ? settings.maxTrim : settings.maxSilentTrim;
+        trim = 1.0 - std::clamp(wanted, -bound, bound);
     }
     // Small changes are not worth a property write on every frame.
     if (std::abs(trim - follower.trim) < 0.002 && !(trim == 1.0 && follower.trim != 1.0))
         return {};
     follower.trim = trim;
-    bend(follower, rate * trim, wallMs);
+    bend(follower, followerRate * trim, wallMs);
     return {Action::Trim, trim, 0};
 }
 

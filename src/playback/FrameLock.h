@@ -34,11 +34,15 @@ public:
     struct Settings
     {
         double deadbandMs = 2.0;
-        // Two cores unpaused together at a cut start up to a frame apart, and
-        // a cut comes every half second or so: the gap must close within a
-        // few hundred milliseconds, which 5 % could not do for a whole frame.
-        double maxTrim = 0.08;      // at most 8 % off the pane's speed
-        double horizonMs = 200.0;   // a gap is closed over about this long
+        // Two cores unpaused together at a cut start up to a frame apart (on a
+        // busy machine, whichever core gets a processor later starts later),
+        // and a cut comes every half second or so: the gap must close within
+        // a few hundred milliseconds. 8 % takes half a second for a whole
+        // frame; a pane that is not heard may run a quarter off, which no eye
+        // sees over the few frames it lasts and no ear hears on a muted pane.
+        double maxTrim = 0.08;        // at most 8 % off the speed of a pane that is heard
+        double maxSilentTrim = 0.25;  // and 25 % off that of a muted one
+        double horizonMs = 120.0;     // a gap is closed over about this long
         double reseekFrames = 2.0;
         double seekLeadMs = 40.0;   // a first guess at how long a re-seek takes; learnt
                                     // from what each re-seek misses by
@@ -65,8 +69,9 @@ public:
     // One position report of `pane`: where it stands on the input's axis,
     // when it was reported (ms of a steady clock), how fast the axis runs for
     // it at its own speed (input ms per wall ms) and the length of a frame on
-    // the input's axis. Actions are only ever for the follower.
-    Action report(int pane, double inputMs, double wallMs, double rate, double frameMs);
+    // the input's axis; whether the follower is heard bounds its trims.
+    // Actions are only ever for the follower.
+    Action report(int pane, double inputMs, double wallMs, double rate, double frameMs, bool followerHeard = true);
 
     // The follower's lead over the leader now, on the input's axis; 0 until
     // both lines are known.
@@ -84,6 +89,7 @@ private:
     bool known(const Line &line) const;
     static double phase(const Line &line);
     static void bend(Line &line, double rate, double wallMs);
+    double gap(double wallMs) const;
     double offsetLocked(double wallMs) const;
 
     Settings settings;

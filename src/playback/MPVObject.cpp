@@ -10,8 +10,17 @@
 #include <chrono>
 #include <regex>
 #include <stdexcept>
+#include <utility>
 
 namespace {
+
+// Frames of the media the panes play follow each other 20 ms apart or more.
+constexpr double kDatedWithinMs = 10.0;
+
+double steadyMs()
+{
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 
 // The playlist entry that a "loadfile" reply names, -1 when it names none.
 qint64 playlistEntryOf(const mpv_event *event)
@@ -125,7 +134,7 @@ void MPVObject::setup(QQuickWindow *window)
     if (!window || initialized || !mpvPlayer.isValid())
         return;
     mpv_handle *handle = mpvPlayer.handle();
-    mpv_set_property_string(handle, "mute", "yes");
+    mpvPlayer.setMute(true);
     mpv_set_wakeup_callback(handle, &MPVObject::onWakeup, this);
     mpv_observe_property(handle, 0, "time-pos/full", MPV_FORMAT_DOUBLE);
     mpv_observe_property(handle, 0, "eof-reached", MPV_FORMAT_FLAG);
@@ -191,11 +200,21 @@ void MPVObject::checkEvents()
     mpv_handle *handle = mpvPlayer.handle();
     if (!handle)
         return;
-    currentReportMs = static_cast<double>(wakeupNs.load()) / 1e6;
+    // mpv wakes its client once, for the first event after the queue was
+    // last read, and a position read later is the newest one, not the one of
+    // that moment. On a busy machine this loop runs tens or hundreds of
+    // milliseconds late, and the stamp would date a position frames too early.
+    // So a report is dated only when it is the pass's first event and the pass
+    // runs sooner after the stamp than any two frames can follow each other.
+    const double stamp = static_cast<double>(wakeupNs.load()) / 1e6;
+    currentReportMs = steadyMs() - stamp <= kDatedWithinMs ? stamp : 0;
+    bool first = true;
     while (true) {
         const mpv_event *event = mpv_wait_event(handle, 0);
         if (event->event_id == MPV_EVENT_NONE)
             break;
+        if (!std::exchange(first, false))
+            currentReportMs = 0;
         switch (event->event_id) {
         case MPV_EVENT_COMMAND_REPLY:
             if (event->reply_userdata != 0)

@@ -38,7 +38,8 @@ public:
     // Players that drive this pane from their own threads hold it through a
     // slot, which the pane releases before its teardown begins.
     // When mpv queued the report being delivered now, in milliseconds of the
-    // steady clock; 0 before any. The frame lock dates positions by it.
+    // steady clock; 0 before any, and for a report whose time is not known.
+    // The frame lock dates positions by it.
     double reportTime() const;
 
     void addOwner(PaneSlot *slot);

@@ -139,6 +139,8 @@ void PlaybackSync::holdFrameLock(int mpvID, const Video &video, float inputPos, 
         reportedAt = pane.reportTime();
         playing = pane.getCurrentPlayingVideoPath();
     });
+    bool followerHeard = true;
+    player.usePane(FrameLock::kFollower, [&](MPVObject &pane) { followerHeard = !pane.player().isMuted(); });
     // A report from the file before a load, or a pane never started, says
     // nothing about where the pane's frames stand.
     if (playing != video.filepath || reportedAt <= 0 || !(video.framerate > 0) || !(inputFramerate > 0))
@@ -147,7 +149,7 @@ void PlaybackSync::holdFrameLock(int mpvID, const Video &video, float inputPos, 
     const double factor = n->slowMotion > 0 ? n->slowMotion : 1.0;
     const double rate = player.baseSpeed[static_cast<size_t>(mpvID)] / factor;
     const double frameMs = std::min(1000.0 / inputFramerate, 1000.0 / video.framerate / factor);
-    const FrameLock::Action action = player.frameLock.report(mpvID, inputPos, reportedAt, rate, frameMs);
+    const FrameLock::Action action = player.frameLock.report(mpvID, inputPos, reportedAt, rate, frameMs, followerHeard);
     const double base = player.baseSpeed[FrameLock::kFollower];
     switch (action.kind) {
     case FrameLock::Action::None:
