@@ -18,6 +18,7 @@ void FrameLock::reset()
     for (Line &line : lines)
         line = Line{};
     reseekPending = false;
+    ++epoch;
 }
 
 bool FrameLock::known(const Line &line) const
@@ -79,7 +80,10 @@ FrameLock::Action FrameLock::report(int pane, double inputMs, double wallMs, dou
     }
     bend(line, rate * line.trim, wallMs);
     line.samples.emplace_back(wallMs, inputMs - line.rate * wallMs);
-    while (!line.samples.empty() && line.samples.front().first < wallMs - settings.windowMs)
+    // A pane that reports rarely (a starved core, a stalled decoder) keeps its
+    // last two reports: its falling phase shows how far it has fallen behind,
+    // where an emptied window would leave the lock blind to it.
+    while (line.samples.size() > 2 && line.samples.front().first < wallMs - settings.windowMs)
         line.samples.pop_front();
 
     // Either pane's report may move the follower: waiting for the follower's
@@ -115,7 +119,7 @@ FrameLock::Action FrameLock::report(int pane, double inputMs, double wallMs, dou
         // The follower starts a new line once it plays again.
         follower = Line{};
         reseekPending = true;
-        return {Action::Reseek, 1.0, target};
+        return {Action::Reseek, 1.0, target, epoch};
     }
     double trim = 1.0;
     if (std::abs(offset) > settings.deadbandMs) {
@@ -128,7 +132,7 @@ FrameLock::Action FrameLock::report(int pane, double inputMs, double wallMs, dou
         return {};
     follower.trim = trim;
     bend(follower, followerRate * trim, wallMs);
-    return {Action::Trim, trim, 0};
+    return {Action::Trim, trim, 0, epoch};
 }
 
 } // namespace videoplayer

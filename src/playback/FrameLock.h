@@ -58,6 +58,7 @@ public:
         Kind kind = None;
         double speedFactor = 1.0;  // Trim: times the pane's own speed
         double targetInputMs = 0;  // Reseek: where the follower goes, on the input's axis
+        quint64 epoch = 0;         // the reset it follows
     };
 
     FrameLock() = default;
@@ -72,6 +73,18 @@ public:
     // the input's axis; whether the follower is heard bounds its trims.
     // Actions are only ever for the follower.
     Action report(int pane, double inputMs, double wallMs, double rate, double frameMs, bool followerHeard = true);
+
+    // Sends `action` through `send` unless a reset came after the report that
+    // asked for it. The player's worker resets the lock before it pauses or
+    // seeks the panes, and a trim or re-seek sent after that would undo the
+    // player's own command; under the lock's mutex the two cannot cross.
+    template<typename Send>
+    void carryOut(const Action &action, Send &&send)
+    {
+        const std::lock_guard lock(mutex);
+        if (action.epoch == epoch)
+            send();
+    }
 
     // The follower's lead over the leader now, on the input's axis; 0 until
     // both lines are known.
@@ -98,6 +111,7 @@ private:
     double lastReseek = -1e18;
     double seekLead = Settings{}.seekLeadMs;
     bool reseekPending = false;
+    quint64 epoch = 0;
     int correctiveReseeks = 0;
 };
 

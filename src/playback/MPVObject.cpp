@@ -7,6 +7,7 @@
 
 #include <mpv/client.h>
 
+#include <algorithm>
 #include <chrono>
 #include <regex>
 #include <stdexcept>
@@ -14,8 +15,13 @@
 
 namespace {
 
-// Frames of the media the panes play follow each other 20 ms apart or more.
-constexpr double kDatedWithinMs = 10.0;
+// How late a position may be read and still be dated by its wakeup: half a
+// frame of the pane's file, so no later frame can have come in between; 10 ms
+// (half a frame at 50 fps) while the rate is not known.
+double datedWithinMs(float framerate)
+{
+    return framerate > 0 ? std::max(10.0, 500.0 / framerate) : 10.0;
+}
 
 double steadyMs()
 {
@@ -205,9 +211,9 @@ void MPVObject::checkEvents()
     // that moment. On a busy machine this loop runs tens or hundreds of
     // milliseconds late, and the stamp would date a position frames too early.
     // So a report is dated only when it is the pass's first event and the pass
-    // runs sooner after the stamp than any two frames can follow each other.
+    // runs well within a frame of the stamp.
     const double stamp = static_cast<double>(wakeupNs.load()) / 1e6;
-    currentReportMs = steadyMs() - stamp <= kDatedWithinMs ? stamp : 0;
+    currentReportMs = steadyMs() - stamp <= datedWithinMs(mpvPlayer.getFramerate()) ? stamp : 0;
     bool first = true;
     while (true) {
         const mpv_event *event = mpv_wait_event(handle, 0);

@@ -157,8 +157,10 @@ void PlaybackSync::holdFrameLock(int mpvID, const Video &video, float inputPos, 
     case FrameLock::Action::Trim:
         player.log.log(
             [&] { return QStringLiteral("frame lock: right pane at %1 of its speed").arg(action.speedFactor); });
-        player.usePane(FrameLock::kFollower,
-                       [&](MPVObject &pane) { pane.player().setSpeedProperty(base * action.speedFactor); });
+        player.frameLock.carryOut(action, [&] {
+            player.usePane(FrameLock::kFollower,
+                           [&](MPVObject &pane) { pane.player().setSpeedProperty(base * action.speedFactor); });
+        });
         return;
     case FrameLock::Action::Reseek: {
         ViewNode *follower = player.node(FrameLock::kFollower);
@@ -180,9 +182,11 @@ void PlaybackSync::holdFrameLock(int mpvID, const Video &video, float inputPos, 
             = shown == player.input() ? target : syncmath::inputToFile(target, shown->startOffset, shown->slowmotion);
         player.log.log(
             QStringLiteral("frame lock: right pane off by more than two frames, re-seeking it to %1").arg(target));
-        player.usePane(FrameLock::kFollower, [&](MPVObject &pane) {
-            pane.player().setSpeedProperty(base);
-            pane.seek(fileMs);
+        player.frameLock.carryOut(action, [&] {
+            player.usePane(FrameLock::kFollower, [&](MPVObject &pane) {
+                pane.player().setSpeedProperty(base);
+                pane.seek(fileMs);
+            });
         });
         return;
     }

@@ -360,7 +360,7 @@ private slots:
                 if (!nearCut(sample.inputMs) && !nearCut(sample.inputMs - sample.rightMinusLeft))
                     steady.push_back(std::abs(sample.rightMinusLeft));
             }
-            if (steady.size() <= 50)
+            if (steady.size() <= 30)
                 return QStringLiteral("only %1 position samples").arg(steady.size());
             std::sort(steady.begin(), steady.end());
             if (steady[steady.size() / 2] > 5 || steady.back() > mostMs)
