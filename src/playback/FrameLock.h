@@ -8,8 +8,8 @@
 
 namespace videoplayer {
 
-// Holds the right pane on the left pane's frame while both play. The design's
-// sync starts both panes together and realigns them only at seeks and file
+// Holds the right pane on the left pane's frame while both play. The player's
+// own sync starts both panes together and realigns them only at seeks and file
 // boundaries; between those, two mpv cores drift by their start-up jitter
 // (a third of a frame was usual) and a seek lost in one pane is never caught.
 //
@@ -19,8 +19,9 @@ namespace videoplayer {
 // varying delay: single phases scatter by several milliseconds either way,
 // so a pane's phase is the median of a short window. The offset between the lines, taken now, decides:
 // - within a dead band: nothing;
-// - up to two frames: a speed trim of a few percent on the follower, which
-//   closes the gap over a fraction of a second without a visible step;
+// - up to two frames: a speed trim on the follower (a few percent while it
+//   is heard), which closes the gap over a fraction of a second without a
+//   visible step;
 // - beyond: a frame-exact seek of the follower alone, to where the leader
 //   will be once the seek is done.
 // Pure arithmetic under a mutex: the player feeds it from the thread that
