@@ -316,9 +316,15 @@ private slots:
         manager.remove(path("plain.mp4"), true);
         QVERIFY(!c->isOpen());
 
+        // A preview reader replaces a plain one of its file, and takes a new factor.
         const auto d = VideoManager::GetReader(path("plain.mp4"));
+        const auto preview = VideoManager::GetPreviewReader(path("plain.mp4"), 3.0);
+        QVERIFY(preview != d && preview->isPreviewReader() && !d->isPreviewReader());
+        QCOMPARE(VideoManager::GetReader(path("plain.mp4")), preview);
+        QCOMPARE(VideoManager::GetPreviewReader(path("plain.mp4"), 4.0), preview);
+        QCOMPARE(preview->getInfo()["slowMoFactor"].toDouble(), 4.0);
         manager.removeAll();
-        QVERIFY(!d->isOpen());
+        QVERIFY(!preview->isOpen());
         QCOMPARE(manager.count(), 0);
     }
 

@@ -1,7 +1,5 @@
-# The mpv panes, their nodes and the player's request queue.
+# The frame lock of the player's two panes, and the mpv panes themselves.
 kutils_add_test(tst_FrameLock SOURCES tst_FrameLock.cpp LIBS kutils_playback)
-# The view nodes ready readers of clips that ffmpeg makes while the test runs.
-kutils_add_test(tst_ViewNode SOURCES tst_ViewNode.cpp LIBS kutils_playback ENV TSAN_OPTIONS=die_after_fork=0)
 set(_mpv_lsan "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_LIST_DIR}/mpv-lsan.supp")
 # Real libmpv drawing into native child windows of one Quick window under Xvfb.
 # Playing files makes libmpv probe hardware decoders in libraries that it loads
