@@ -91,7 +91,6 @@ private slots:
         QTest::newRow("split at 0") << QVariant(chainCommand("split=2[a][b]")) << "" << "ffv1";
         QTest::newRow("split inside") << QVariant(chainCommand("[0:v]hqdn3d,yadif,split=2[a][b]"))
                                       << "[0:v]hqdn3d,yadif" << "ffv1";
-        QTest::newRow("no split") << QVariant(chainCommand("[0:v]scale=80:-2[v]")) << "[0:v]scale=80:-2[v]" << "ffv1";
         QTest::newRow("no chain") << QVariant(QStringList{"-i", "in.mp4", "-c:v", "libx264"}) << "" << "libx264";
         QTest::newRow("-filter_complex last") << QVariant(QStringList{"-c:v", "prores", "-filter_complex"}) << ""
                                               << "prores";

@@ -81,8 +81,6 @@ private slots:
 
         QTest::newRow("plain reader: from the start picture to the file's end, whatever y")
             << false << 400LL << 800LL << 400LL << false << run(400, 3960) + QStringList{"E3960", "null"};
-        QTest::newRow("start inside an open stretch")
-            << false << 0LL << -1LL << 1000LL << false << run(1000, 3960) + QStringList{"E3960", "null"};
         QTest::newRow("open stretch loops back to x; the EOF record is the next pass's first")
             << false << 2000LL << -1LL << 3800LL << true << run(3800, 3960) + QStringList{"E2000", "2040", "2080"};
         QTest::newRow("preview: y against position / slowMoFactor, x = 0 bounded")
