@@ -547,18 +547,6 @@ private slots:
         QCOMPARE(initiating.at(0).at(1).toBool(), leftFilter);
     }
 
-    void closeStopsTheWorkerBeforePendingRequests()
-    {
-        QVERIFY(openInput());
-        player->close();
-        QVERIFY(settle());
-        const qint64 before = player->getInputTimestamp();
-        // The worker is gone: the seek stays in the queue, unperformed.
-        player->seek(2500);
-        QVERIFY(!QTest::qWaitFor([this] { return player->isIdle(); }, 300));
-        QCOMPARE(player->getInputTimestamp(), before);
-    }
-
     void seekToRefusesWhatItCannotSeek_data()
     {
         QTest::addColumn<bool>("withMpv");
@@ -995,7 +983,6 @@ private slots:
         QTest::newRow("another window") << "render";
         QTest::newRow("a new chain") << "chain";
         QTest::newRow("reset") << "resetIR";
-        QTest::newRow("stop") << "stopRender";
     }
 
     void aNewRenderStopsTheRunningOne()
