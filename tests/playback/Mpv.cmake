@@ -1,5 +1,4 @@
-# The frame lock of the player's two panes, and the mpv panes themselves.
-kutils_add_test(tst_FrameLock SOURCES tst_FrameLock.cpp LIBS kutils_playback)
+# The mpv panes themselves.
 set(_mpv_lsan "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_LIST_DIR}/mpv-lsan.supp")
 # Real libmpv drawing into native child windows of one Quick window under Xvfb.
 # Playing files makes libmpv probe hardware decoders in libraries that it loads

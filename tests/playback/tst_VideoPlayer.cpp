@@ -1,5 +1,6 @@
-// The player's handlers, driven through its slots as QML drives them; its view
-// nodes and their manager on real timelines; the playable nodes that ready a
+// The player's handlers, driven through its slots as QML drives them; the
+// frame lock's control loop against two simulated panes; its view nodes and
+// their manager on real timelines; the playable nodes that ready a
 // view's readers on numbered clips; the arithmetic between file time and the
 // input's axis that they use (the rows that sit on a truncation, a rounding or
 // a precision limit); the player's request queue: every coalescing case as a
@@ -12,6 +13,7 @@
 #include "PlayerMedia.h"
 #include "../timeline/TimelineFixture.h"
 
+#include "playback/FrameLock.h"
 #include "playback/InstantReaderWatcher.h"
 #include "playback/SyncMath.h"
 #include "playback/VPReqQueue.h"
@@ -32,8 +34,10 @@
 #include <QtTest>
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <mutex>
+#include <random>
 
 using namespace videoplayer;
 using namespace syncmath;
@@ -136,6 +140,65 @@ InstantReaderWatcher {
 QStringList chainCommand(const QString &chain)
 {
     return {"-i", "in.mp4", "-filter_complex", chain, "-map", "[v]", "-c:v", "ffv1", "out.mkv"};
+}
+
+// The frame lock against two simulated panes: each shows a frame every 40 ms on
+// its own clock and reports it after a delivery delay that scatters either way;
+// the follower's clock obeys the lock's trims and re-seeks as an mpv core
+// would, a little late.
+struct Outcome
+{
+    double finalOffset = 0;  // follower minus leader, ms, at the end
+    int trims = 0;
+    int reseeks = 0;
+    double slowestTrim = 1.0;
+    double fastestTrim = 1.0;
+};
+
+// `offset`: where the follower starts against the leader (ms on the input's
+// axis); `rate`: input ms per wall ms (0.5 in a slow-motion stretch);
+// `jitter`: the largest delivery delay either way; `seekMs`: how long a
+// re-seek keeps the follower from advancing.
+Outcome simulate(double offset, double rate, double jitter, double seekMs, double seconds, unsigned seed)
+{
+    FrameLock lock;
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<double> delay(-jitter, jitter);
+    Outcome outcome;
+    double leaderStart = 1000.0;
+    double followerPos = leaderStart + offset;  // on the input's axis at wall 1000
+    double followerSpeed = 1.0;
+    double frozenUntil = 0;
+    double last = 1000.0;
+    const double frame = 40.0 * rate;  // a reported step of the file, on the input's axis
+    for (double wall = 1000.0; wall < 1000.0 + seconds * 1000.0; wall += 1.0) {
+        if (wall >= frozenUntil)
+            followerPos += rate * followerSpeed * (wall - last);
+        last = wall;
+        const double leaderPos = leaderStart + rate * (wall - 1000.0);
+        // Each pane reports when it crosses a frame of its own.
+        for (int pane : {0, 1}) {
+            const double pos = pane == 0 ? leaderPos : followerPos;
+            const double before = pane == 0 ? leaderPos - rate : followerPos - rate * followerSpeed;
+            if (std::floor(pos / frame) == std::floor(before / frame))
+                continue;
+            const double shown = std::floor(pos / frame) * frame;
+            const auto action = lock.report(pane, shown, wall + std::abs(delay(random)) + delay(random) * 0.2, rate, 40.0);
+            if (action.kind == FrameLock::Action::Trim) {
+                ++outcome.trims;
+                followerSpeed = action.speedFactor;
+                outcome.slowestTrim = std::min(outcome.slowestTrim, action.speedFactor);
+                outcome.fastestTrim = std::max(outcome.fastestTrim, action.speedFactor);
+            } else if (action.kind == FrameLock::Action::Reseek) {
+                ++outcome.reseeks;
+                followerSpeed = 1.0;
+                followerPos = action.targetInputMs;
+                frozenUntil = wall + seekMs;
+            }
+        }
+        outcome.finalOffset = followerPos - leaderPos;
+    }
+    return outcome;
 }
 
 } // namespace
@@ -516,6 +579,70 @@ private slots:
         QCOMPARE(initiating.at(0).at(1).toBool(), leftFilter);
     }
 
+    void closesTheGapWithoutOvershooting_data()
+    {
+        QTest::addColumn<double>("offset");
+        QTest::addColumn<double>("rate");
+        QTest::addColumn<double>("jitter");
+        QTest::addColumn<double>("seekMs");
+        QTest::addColumn<bool>("reseeks");
+        QTest::addColumn<double>("seconds");
+        QTest::newRow("in step: left alone") << 0.5 << 1.0 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("a third of a frame behind: trimmed") << -13.0 << 1.0 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("slow motion, a quarter frame ahead: trimmed") << 8.0 << 0.5 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("busy machine, wide scatter: trimmed") << -15.0 << 1.0 << 9.0 << 60.0 << false << 4.0;
+        // Cuts come every half second or so: the start-up gap must not outlive one.
+        QTest::newRow("a frame behind after a cut: closed in time") << -36.0 << 1.0 << 3.0 << 30.0 << false << 0.8;
+        QTest::newRow("a frame and a half ahead: trimmed") << 60.0 << 1.0 << 3.0 << 30.0 << false << 4.0;
+        QTest::newRow("lost seek: fifteen frames behind") << -600.0 << 1.0 << 3.0 << 30.0 << true << 4.0;
+        QTest::newRow("stray seek ahead, slow seeks") << 320.0 << 1.0 << 6.0 << 120.0 << true << 4.0;
+    }
+
+    void closesTheGapWithoutOvershooting()
+    {
+        QFETCH(double, offset);
+        QFETCH(double, rate);
+        QFETCH(double, jitter);
+        QFETCH(double, seekMs);
+        QFETCH(bool, reseeks);
+        QFETCH(double, seconds);
+        for (unsigned seed : {1u, 2u, 3u}) {
+            const Outcome outcome = simulate(offset, rate, jitter, seekMs, seconds, seed);
+            const QString what = QStringLiteral("seed %1: offset %2 ms after %3 trims, %4 re-seeks")
+                                     .arg(seed)
+                                     .arg(outcome.finalOffset)
+                                     .arg(outcome.trims)
+                                     .arg(outcome.reseeks);
+            QVERIFY2(std::abs(outcome.finalOffset) <= 4.0, qPrintable(what));
+            QVERIFY2((outcome.reseeks > 0) == reseeks, qPrintable(what));
+            // Trims stay small enough to go unheard and unseen.
+            QVERIFY2(outcome.slowestTrim >= 0.92 && outcome.fastestTrim <= 1.08, qPrintable(what));
+            if (std::abs(offset) <= 2.0)
+                QCOMPARE(outcome.trims, 0);
+        }
+    }
+
+    void nothingUntilBothLinesAreKnownAndAgainAfterReset()
+    {
+        FrameLock lock;
+        // The follower far ahead, but too few steady reports to say so: the
+        // first after a start is passed over, then three are needed.
+        for (int i = 0; i < 3; ++i) {
+            QCOMPARE(lock.report(0, 40.0 * i, 1000.0 + 40 * i, 1.0, 40.0).kind, FrameLock::Action::None);
+            QCOMPARE(lock.report(1, 400 + 40.0 * i, 1000.0 + 40 * i, 1.0, 40.0).kind, FrameLock::Action::None);
+        }
+        lock.report(0, 120.0, 1120.0, 1.0, 40.0);
+        const auto action = lock.report(1, 520.0, 1120.0, 1.0, 40.0);
+        QCOMPARE(action.kind, FrameLock::Action::Reseek);
+        // Where the leader will be once the seek is done.
+        QVERIFY(action.targetInputMs > 120.0 && action.targetInputMs < 220.0);
+        lock.reset();
+        QCOMPARE(lock.offsetAt(1300.0), 0.0);
+        // Bad input is ignored, not divided by.
+        QCOMPARE(lock.report(1, 0, 1300.0, 0.0, 40.0).kind, FrameLock::Action::None);
+        QCOMPARE(lock.report(3, 0, 1300.0, 1.0, 40.0).kind, FrameLock::Action::None);
+        QCOMPARE(lock.report(1, 0, 1300.0, 1.0, std::nan("")).kind, FrameLock::Action::None);
+    }
     void seekToRefusesWhatItCannotSeek_data()
     {
         QTest::addColumn<bool>("withMpv");
