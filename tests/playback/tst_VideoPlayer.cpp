@@ -1,7 +1,7 @@
 // The player's handlers, driven through its slots as QML drives them; the
-// frame lock's control loop against two simulated panes; its view nodes and
-// their manager on real timelines; the playable nodes that ready a
-// view's readers on numbered clips; the arithmetic between file time and the
+// frame lock's control loop against two simulated panes; the view nodes and
+// their manager on real timelines; the playable nodes that ready a view's
+// readers on numbered clips; the arithmetic between file time and the
 // input's axis that they use (the rows that sit on a truncation, a rounding or
 // a precision limit); the player's request queue: every coalescing case as a
 // table and its idleness; and the live-render watcher through QML: filter
