@@ -57,18 +57,6 @@ private slots:
         Configuration::reload();
     }
 
-    void defaultsCarryNoRealValues()
-    {
-        qunsetenv("KUTILS_CONFIG_FILE");
-        const Configuration config = Configuration::load();
-        QVERIFY(config.videoApiProduction.isEmpty());
-        QVERIFY(config.cloudApiKeyProduction.isEmpty());
-        QVERIFY(config.amplitudeSecret.isEmpty());
-        QVERIFY(config.emailMacSalt.isEmpty());
-        QVERIFY(config.modelHost.isEmpty());
-        QVERIFY(config.mpvExtraOptions.isEmpty());
-    }
-
     void overrideFileReplacesKeysOneByOne()
     {
         const QJsonObject settings{{"videoApiProduction", "https://127.0.0.1:4443"},

@@ -10,8 +10,6 @@
 #include "plugin/XModelManagerUtils.h"
 
 #include <QGuiApplication>
-#include <QQmlComponent>
-#include <QQmlEngine>
 #include <QScreen>
 #include <QStorageInfo>
 #include <QTest>
@@ -33,15 +31,6 @@ namespace {
 // Set in the environment of a restarted copy of this test: the copy records
 // its arguments there and ends, instead of running the tests again.
 constexpr char restartMarker[] = "KUTILS_TEST_RESTART_MARKER";
-
-class FixedSpaceUtils : public KUtils
-{
-public:
-    quint64 bytes = 0;
-
-protected:
-    quint64 availableBytes(const QString &) override { return bytes; }
-};
 
 // A CONNECT proxy on loopback that records each tunnel's request line and
 // Proxy-Authorization, and either relays or gives a fixed answer.
@@ -171,47 +160,8 @@ private slots:
         QVERIFY(QFile::copy(KUTILS_SOURCE_DIR "/demo/models/models.json", m_models.filePath("models.json")));
         aiengine::ModelManager::MakeInstance("shortName", true, true, "/", {});
         aiengine::ModelManager::GetInstance().setModelDirPath(m_models.path(), m_models.path());
-        qmlRegisterType<KUtils>("kutils.test", 1, 0, "KUtils");
         m_service = std::make_unique<CloudStandIn>();
         QVERIFY(m_service->isReady());
-    }
-
-    void qmlSeesNumbersAndTheRectOverload()
-    {
-        QQmlEngine engine;
-        QQmlComponent component(&engine);
-        component.setData(R"(
-            import QtQuick
-            import kutils.test 1.0
-            KUtils {
-                property bool spaceIsNumber: typeof getDiskSpace("/") === "number"
-                                             && getDiskSpace("/") + 1 > getDiskSpace("/")
-                property bool emptyRect: isEmpty(Qt.rect(0, 0, 0, 5))
-                property bool fullRect: isEmpty(Qt.rect(0, 0, 2, 2))
-                property int processes: maxProcesses
-                property string info: systemInfo()
-                property var upscale: modelsInfo.upscale
-                property IntValidator validator: IntValidator { top: 99 }
-                property int validity: callValidate(validator, "12", 0)
-            })", QUrl());
-        std::unique_ptr<QObject> utils(component.create());
-        QVERIFY2(utils, qPrintable(component.errorString()));
-        QVERIFY(utils->property("spaceIsNumber").toBool());
-        QVERIFY(utils->property("emptyRect").toBool());
-        QVERIFY(!utils->property("fullRect").toBool());
-        QCOMPARE(utils->property("validity").toInt(), int(QValidator::Acceptable));
-        QVERIFY(utils->property("processes").toInt() >= 1);
-        QVERIFY(utils->property("info").toString().startsWith("OS: Linux v"));
-        QCOMPARE(utils->property("upscale").toMap().value("versions").toList(), (QVariantList{"2", "3"}));
-    }
-
-    void diskSpaceThresholdStartsAtTenAndTakesLargeValues()
-    {
-        FixedSpaceUtils utils;
-        utils.bytes = quint64(10) << 30;
-        QCOMPARE(utils.checkDiskSpace("/"), 1); // the threshold starts at 10 GiB
-        utils.setDiskSpaceThreshold(3);
-        QCOMPARE(utils.checkDiskSpace("/"), 0);
     }
 
     void diskSpaceOfAMissingPathIsItsParents()
