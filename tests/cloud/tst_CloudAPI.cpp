@@ -353,9 +353,7 @@ private slots:
         QFETCH(int, index);
         QFETCH(int, start);
         QFETCH(int, length);
-        QByteArray bytes(size, Qt::Uninitialized);
-        for (int i = 0; i < size; ++i)
-            bytes[i] = char('a' + i);
+        const QByteArray bytes = randomBytes(size);
         const QString path = m_work.filePath("split.bin");
         QVERIFY(writeFile(path, bytes));
         std::string chunk = "stale";
