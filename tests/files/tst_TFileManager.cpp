@@ -23,66 +23,13 @@
 
 namespace {
 
-struct ConcatResult
+// "progress" (id, in, out, completed, total) and "finished" (id, in, out, status).
+struct UnzipSignals : QueuedSignals
 {
-    double uid;
-    QString out;
-    bool ok;
-    int code;
-    int status;
-    int duration;
-};
-
-struct Progress
-{
-    int reqId;
-    int completed;
-    int total;
-    bool operator==(const Progress &) const = default;
-};
-
-struct Finish
-{
-    int reqId;
-    QString inPath;
-    QString outPath;
-    bool status;
-};
-
-// Collects the unzip signals on the test's thread, where they arrive queued
-// from the worker.
-class UnzipRecorder : public QObject
-{
-public:
-    explicit UnzipRecorder(TFileManager &manager)
+    explicit UnzipSignals(TFileManager &manager)
     {
-        connect(&manager, &TFileManager::unzipProgress, this,
-                [this](int reqId, const QString &, const QString &, int completed, int total) {
-                    progress.append({reqId, completed, total});
-                });
-        connect(&manager, &TFileManager::unzipFinished, this,
-                [this](int reqId, const QString &in, const QString &out, bool status) {
-                    finished.append({reqId, in, out, status});
-                });
+        watch(&manager, &TFileManager::unzipProgress, "progress").watch(&manager, &TFileManager::unzipFinished, "finished");
     }
-    QList<int> finishedIds() const
-    {
-        QList<int> ids;
-        for (const Finish &finish : finished)
-            ids << finish.reqId;
-        return ids;
-    }
-    QList<Progress> progressOf(int reqId) const
-    {
-        QList<Progress> found;
-        for (const Progress &entry : progress)
-            if (entry.reqId == reqId)
-                found << entry;
-        return found;
-    }
-
-    QList<Progress> progress;
-    QList<Finish> finished;
 };
 
 struct ZipDiscard
@@ -471,20 +418,13 @@ private slots:
         const QString out = m_dir.filePath(QStringLiteral("joined-%1.mp4").arg(QTest::currentDataTag()).replace(' ', '-'));
 
         TFileManager manager;
-        QList<ConcatResult> results;
-        connect(&manager, &TFileManager::concatFinished, this,
-                [&](double uid, const QString &path, bool success, int code, int status, int length) {
-                    results.append({uid, path, success, code, status, length});
-                });
+        QueuedSignals concat;
+        concat.watch(&manager, &TFileManager::concatFinished, "concat");
         manager.concat(out, former, m_video, size_t(frame), 12.5, 3, 4);
-        QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 60000);
-        const ConcatResult &result = results.first();
-        QCOMPARE(result.uid, 12.5);
-        QCOMPARE(result.out, out);
-        QCOMPARE(result.ok, ok);
-        QCOMPARE(result.code, 3);
-        QCOMPARE(result.status, 4);
-        QVERIFY2(qAbs(result.duration - duration) <= 80, qPrintable(QString::number(result.duration)));
+        QVERIFY(concat.wait("concat", 1, 60000));
+        const QVariantList result = concat.of("concat").first();
+        QCOMPARE(result.mid(0, 5), (QVariantList{12.5, out, ok, 3, 4}));
+        QVERIFY2(qAbs(result[5].toInt() - duration) <= 80, qPrintable(result[5].toString()));
     }
 
     void closeAndDeleteFromAnotherThreadDeletesTheFile_data()
@@ -533,18 +473,15 @@ private slots:
         QVERIFY(writeFile(out + QStringLiteral("/2/c.txt"), "older and longer than nothing"));
 
         TFileManager manager;
-        UnzipRecorder recorder(manager);
+        UnzipSignals unzip(manager);
         QCOMPARE(manager.queueUnzipRequest(firstZip, out + QStringLiteral("/1")), 1);
         QCOMPARE(manager.queueUnzipRequest(secondZip, out + QStringLiteral("/2")), 2);
 
-        QTRY_COMPARE_WITH_TIMEOUT(recorder.finished.size(), 2, 20000);
-        QCOMPARE(recorder.finishedIds(), (QList<int>{1, 2}));
-        QCOMPARE(recorder.finished[0].inPath, firstZip);
-        QCOMPARE(recorder.finished[0].outPath, out + QStringLiteral("/1"));
-        QVERIFY(recorder.finished[0].status && recorder.finished[1].status);
+        QTRY_COMPARE_WITH_TIMEOUT(unzip.of("finished").size(), 2, 20000);
+        QCOMPARE(unzip.of("finished"), (QList<QVariantList>{{1, firstZip, out + "/1", true}, {2, secondZip, out + "/2", true}}));
         // The zip tool also stores the folder entries: two for the first archive.
-        QCOMPARE(recorder.progressOf(1).last(), (Progress{1, 4, 4}));
-        QCOMPARE(recorder.progressOf(2).last(), (Progress{2, 1, 1}));
+        QVERIFY(unzip.of("progress").contains(QVariantList{1, firstZip, out + "/1", 4, 4}));
+        QCOMPARE(unzip.of("progress").last(), (QVariantList{2, secondZip, out + "/2", 1, 1}));
         for (auto it = first.cbegin(); it != first.cend(); ++it)
             QCOMPARE(readFileBytes(out + QStringLiteral("/1/") + it.key()), it.value());
         QCOMPARE(readFileBytes(out + QStringLiteral("/2/c.txt")), second.value(QStringLiteral("c.txt")));
@@ -569,11 +506,11 @@ private slots:
 
         LogCapture log;
         TFileManager manager;
-        UnzipRecorder recorder(manager);
+        UnzipSignals unzip(manager);
         const QString out = m_dir.filePath(QStringLiteral("damaged-out"));
         manager.queueUnzipRequest(archive, out);
-        QTRY_COMPARE_WITH_TIMEOUT(recorder.finished.size(), 1, 20000);
-        QVERIFY(recorder.finished[0].status);
+        QTRY_COMPARE_WITH_TIMEOUT(unzip.of("finished").size(), 1, 20000);
+        QCOMPARE(unzip.of("finished")[0].last(), QVariant(true));
         QCOMPARE(readFileBytes(out + QStringLiteral("/good.txt")), QByteArray("fine\n"));
         // The bad CRC shows only on the last read; nothing of the entry may stay.
         QVERIFY(!QFile::exists(out + QStringLiteral("/bad.bin")));
@@ -595,16 +532,16 @@ private slots:
 
         LogCapture log;
         TFileManager manager;
-        UnzipRecorder recorder(manager);
+        UnzipSignals unzip(manager);
         QCOMPARE(manager.queueUnzipRequest(notZip, m_dir.filePath(QStringLiteral("never"))), 1);
         QCOMPARE(manager.queueUnzipRequest(m_dir.filePath(QStringLiteral("missing.zip")),
                                            m_dir.filePath(QStringLiteral("never"))), 2);
         QCOMPARE(manager.queueUnzipRequest(goodZip, blocker + QStringLiteral("/out")), 3);
         // An archive without entries queued behind them tells when the worker has passed them.
         QCOMPARE(manager.queueUnzipRequest(empty, m_dir.filePath(QStringLiteral("empty-out"))), 4);
-        QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedIds(), QList<int>{4}, 20000);
-        QVERIFY(recorder.finished[0].status);
-        QCOMPARE(recorder.progress, (QList<Progress>{{4, 0, 0}}));
+        QTRY_COMPARE_WITH_TIMEOUT(unzip.firstOf("finished"), QVariantList{4}, 20000);
+        QCOMPARE(unzip.of("finished")[0].last(), QVariant(true));
+        QCOMPARE(unzip.of("progress"), (QList<QVariantList>{{4, empty, m_dir.filePath(QStringLiteral("empty-out")), 0, 0}}));
         QVERIFY(QFileInfo(m_dir.filePath(QStringLiteral("empty-out"))).isDir());
         QCOMPARE(log.count(QStringLiteral(" decompressZip Failed to open zip file:")), 2);
         QVERIFY(log.contains(QStringLiteral("decompressZip Failed to recreate output directory:")));
@@ -635,10 +572,10 @@ private slots:
 
         LogCapture log;
         TFileManager manager;
-        UnzipRecorder recorder(manager);
+        UnzipSignals unzip(manager);
         manager.queueUnzipRequest(archive, out);
-        QTRY_COMPARE_WITH_TIMEOUT(recorder.finished.size(), 1, 20000);
-        QVERIFY(recorder.finished[0].status);
+        QTRY_COMPARE_WITH_TIMEOUT(unzip.of("finished").size(), 1, 20000);
+        QCOMPARE(unzip.of("finished")[0].last(), QVariant(true));
         QCOMPARE(readFileBytes(out + QStringLiteral("/first.txt")), QByteArray("1"));
         QCOMPARE(readFileBytes(out + QStringLiteral("/last.txt")), QByteArray("2"));
 

@@ -46,28 +46,17 @@ QByteArray md5Of(const QString &path)
     return file.open(QIODevice::ReadOnly) && hash.addData(&file) ? hash.result() : QByteArray();
 }
 
-// The manager's signals as the GUI thread receives them: queued, in order.
-// (A QSignalSpy would record them on the worker, racing the test's reads.)
-class Recorder : public QObject
+// The manager's signals; `requestFinished` is always a request's last.
+struct RequestSignals : QueuedSignals
 {
-public:
-    explicit Recorder(NetworkRequestManager &manager)
+    explicit RequestSignals(NetworkRequestManager &manager)
     {
-        connect(&manager, &NetworkRequestManager::requestFinished, this, [this](int id, const QVariantMap &result) {
-            order << "requestFinished";
-            finished << QVariantList{id, result};
-        });
-        connect(&manager, &NetworkRequestManager::downloadFinished, this, [this] { order << "downloadFinished"; });
-        connect(&manager, &NetworkRequestManager::downloadFailed, this, [this] { order << "downloadFailed"; });
+        watch(&manager, &NetworkRequestManager::requestFinished, "requestFinished");
+        watch(&manager, &NetworkRequestManager::downloadFinished, "downloadFinished");
+        watch(&manager, &NetworkRequestManager::downloadFailed, "downloadFailed");
     }
-    bool waitFinished(int count, int timeoutMs)
-    {
-        return QTest::qWaitFor([&] { return finished.size() >= count; }, timeoutMs) && finished.size() == count;
-    }
-    QVariantMap result(int index) const { return finished.value(index).value(1).toMap(); }
-
-    QStringList order;
-    QList<QVariantList> finished;
+    bool waitFinished(int count, int timeoutMs) { return wait("requestFinished", count, timeoutMs); }
+    QVariantMap result(int index) const { return of("requestFinished").value(index).value(1).toMap(); }
 };
 
 const QString kPassword = QStringLiteral("model-pass-9");
@@ -287,19 +276,10 @@ private slots:
         QCOMPARE(fileCalls().size(), 3);
     }
 
-    void rangesCoverTheFileIn256MiBSteps()
-    {
-        using Ranges = std::vector<std::pair<quint64, quint64>>;
-        const quint64 chunk = NetworkRequestManager::chunkSize;
-        QCOMPARE(NetworkRequestManager::chunkRanges(0), Ranges{});
-        QCOMPARE(NetworkRequestManager::chunkRanges(chunk), (Ranges{{0, chunk - 1}}));
-        QCOMPARE(NetworkRequestManager::chunkRanges(chunk + 1), (Ranges{{0, chunk - 1}, {chunk, chunk}}));
-    }
-
     void checkThenChunkedDownloadIsByteIdenticalAndAsksEachRangeOnce()
     {
         NetworkRequestManager manager;
-        Recorder events(manager);
+        RequestSignals events(manager);
         QCOMPARE(manager.queueRequest(NetworkRequest::CheckDownload, params("two-ranges.bin", {})), 1);
         QVERIFY(events.waitFinished(1, 20000));
         const QVariantMap checked = events.result(0);
@@ -311,14 +291,17 @@ private slots:
                                       params("two-ranges.bin", checked["contentLength"])),
                  2);
         QVERIFY(events.waitFinished(2, 120000));
-        QCOMPARE(events.order, (QStringList{"requestFinished", "downloadFinished", "requestFinished"}));
-        QCOMPARE(events.finished.at(1).at(0).toInt(), 2);
+        QCOMPARE(events.names, (QStringList{"requestFinished", "downloadFinished", "requestFinished"}));
+        QCOMPARE(events.firstOf("requestFinished"), (QVariantList{1, 2}));
         QCOMPARE(events.result(1)["eTag"].toString(), QString("\"given\""));
         QCOMPARE(md5Of(m_out.filePath("two-ranges.bin")), md5Of(m_files.filePath("two-ranges.bin")));
 
         QStringList ranges = rangesAsked();
         ranges.sort();
         QCOMPARE(ranges, (QStringList{"", "bytes=0-268435455", "bytes=268435456-268439552"}));
+        // A file of exactly one range is asked in one.
+        const quint64 chunk = NetworkRequestManager::chunkSize;
+        QCOMPARE(NetworkRequestManager::chunkRanges(chunk), (std::vector<std::pair<quint64, quint64>>{{0, chunk - 1}}));
         // httplib's own Host: the authority alone, never the URL.
         const QString authority = m_host->ready["files"].toString().mid(QStringLiteral("https://").size());
         for (const QJsonValue &entry : m_host->log())
@@ -359,11 +342,11 @@ private slots:
         QVERIFY(m_host->fault(faults));
 
         NetworkRequestManager manager;
-        Recorder events(manager);
+        RequestSignals events(manager);
         const qint64 size = QFileInfo(m_files.filePath(file)).size();
         manager.queueRequest(NetworkRequest::ChunkedDownload, params(file, size));
         QVERIFY(events.waitFinished(1, 120000));
-        QCOMPARE(events.order.first(), succeeds ? "downloadFinished" : "downloadFailed");
+        QCOMPARE(events.names.first(), succeeds ? "downloadFinished" : "downloadFailed");
         if (succeeds)
             QCOMPARE(md5Of(m_out.filePath(file)), md5Of(m_files.filePath(file)));
         else
@@ -394,7 +377,7 @@ private slots:
         QFETCH(QString, logged);
         const bool succeeds = logged.isEmpty();
         NetworkRequestManager manager;
-        Recorder events(manager);
+        RequestSignals events(manager);
         QVariantMap request = params(resource, kSmallSize);
         if (!downloadPath.isEmpty())
             request["downloadPath"] = downloadPath;
@@ -406,9 +389,9 @@ private slots:
             events.waitFinished(1, 20000);
             log = output.text();
         }
-        QCOMPARE(events.finished.size(), 1);
+        QCOMPARE(events.of("requestFinished").size(), 1);
         // downloadFailed is not this path's signal: an empty eTag is the failure.
-        QCOMPARE(events.order, (succeeds ? QStringList{"downloadFinished", "requestFinished"} : QStringList{"requestFinished"}));
+        QCOMPARE(events.names, (succeeds ? QStringList{"downloadFinished", "requestFinished"} : QStringList{"requestFinished"}));
         QCOMPARE(events.result(0)["eTag"].toString().isEmpty(), !succeeds);
         if (succeeds) {
             QCOMPARE(md5Of(m_out.filePath(resource)), md5Of(m_files.filePath(resource)));
@@ -442,7 +425,7 @@ private slots:
         QFETCH(QString, outcome);
         QFile::remove(downloadPath);
         NetworkRequestManager manager;
-        Recorder events(manager);
+        RequestSignals events(manager);
         QVariantMap request = params("small.bin", length);
         request["downloadPath"] = downloadPath;
         manager.queueRequest(type, request);
@@ -450,7 +433,7 @@ private slots:
         // A finished download hands back the eTag it was given; nothing else does.
         QCOMPARE(events.result(0), (outcome == "finished" ? QVariantMap{{"eTag", "\"given\""}} : QVariantMap()));
         const QStringList expected{outcome == "finished" ? "downloadFinished" : "downloadFailed", "requestFinished"};
-        QCOMPARE(events.order, outcome == "none" ? QStringList{"requestFinished"} : expected);
+        QCOMPARE(events.names, outcome == "none" ? QStringList{"requestFinished"} : expected);
         if (outcome == "finished")
             QCOMPARE(QFileInfo(downloadPath).size(), 0);
         QCOMPARE(m_host->log().size(), 0);
