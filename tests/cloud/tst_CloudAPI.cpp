@@ -282,7 +282,6 @@ private slots:
         QTest::addColumn<bool>("withRequest");
         QTest::addColumn<QStringList>("calls");
         QTest::newRow("downloaded") << "downloaded" << true << QStringList();
-        QTest::newRow("cancel") << "cancel" << true << QStringList();
         QTest::newRow("processing") << "processing" << true << QStringList{"status", "metrics"};
         QTest::newRow("runAndAccept, new") << "runAndAccept" << false << QStringList{"create", "accept"};
     }

@@ -4,6 +4,8 @@
 // a description of where its panes are. Each frame of the clip carries its own
 // number as eight black or white bars (bit i in bar i), so the picture in a
 // pane tells which frame it is.
+#include "../platform/VideoioMedia.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -24,18 +26,6 @@ constexpr int fps = 25;
 constexpr int frameMs = 1000 / fps;
 constexpr int clipFrames = 200; // eight bars hold up to 255
 constexpr int bars = 8;
-
-bool runFfmpeg(const QStringList &arguments)
-{
-    QProcess ffmpeg;
-    ffmpeg.start(QStringLiteral("ffmpeg"), QStringList{QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-y")}
-                                               + arguments);
-    if (!ffmpeg.waitForFinished(120000) || ffmpeg.exitCode() != 0) {
-        qWarning() << "ffmpeg failed:" << ffmpeg.readAllStandardError();
-        return false;
-    }
-    return true;
-}
 
 struct DemoRun
 {
@@ -158,9 +148,12 @@ void tst_Demo::initTestCase()
                                .arg(fps)
                                .arg(double(clipFrames) / fps)
                                .arg(clipWidth / bars);
-    QVERIFY(runFfmpeg({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"), source,
-                       QStringLiteral("-c:v"), QStringLiteral("libx264"), QStringLiteral("-qp"), QStringLiteral("0"),
-                       QStringLiteral("-g"), QStringLiteral("25"), QStringLiteral("-bf"), QStringLiteral("0"), clip}));
+    QCOMPARE(videoio::testing::makeMedia({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"), source,
+                                          QStringLiteral("-c:v"), QStringLiteral("libx264"), QStringLiteral("-qp"),
+                                          QStringLiteral("0"), QStringLiteral("-g"), QStringLiteral("25"),
+                                          QStringLiteral("-bf"), QStringLiteral("0")},
+                                         clip),
+             QString());
 }
 
 DemoRun tst_Demo::runDemo(const QStringList &arguments, const QString &mediaDir, const QString &config)

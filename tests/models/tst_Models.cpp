@@ -117,7 +117,6 @@ private slots:
         QTest::addColumn<int>("device");
         QTest::addColumn<QStringList>("files"); // "none": no entry at all
 
-        QTest::newRow("cpu") << "upscale-2" << false << 12.f << -1 << QStringList{"upscale-2-cpu-x2.kz", "upscale-2-cpu-x4.kz"};
         QTest::newRow("cuda: four block numbers, two files")
             << "upscale-2" << false << 12.f << 0
             << QStringList{"upscale-2-cuda-x2-256x256-c86.kz", "upscale-2-cuda-x2-512x512-c86.kz"};
@@ -410,7 +409,6 @@ private slots:
         QTest::addColumn<QVariant>("length");
         QTest::addColumn<QString>("outcome");
         const QString out = m_out.path() + "/unusable.bin";
-        QTest::newRow("no length") << 2 << out << QVariant() << "failed";
         QTest::newRow("length not a number") << 2 << out << QVariant("12ab") << "failed";
         QTest::newRow("file cannot be made") << 2 << m_out.path() + "/no/such/folder/x.bin" << QVariant(100) << "failed";
         QTest::newRow("zero length: empty file") << 2 << out << QVariant("0") << "finished";
