@@ -67,14 +67,6 @@ QString quotedMd5(const QByteArray &bytes)
     return "\"" + QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex() + "\"";
 }
 
-QList<QVariantList> argumentsOf(const QSignalSpy &spy)
-{
-    QList<QVariantList> all;
-    for (const QVariantList &arguments : spy)
-        all << arguments;
-    return all;
-}
-
 } // namespace
 
 class tst_CloudAPI : public QObject
@@ -135,7 +127,7 @@ private slots:
             expectedChunks << QVariantList{kUid, i, eTag};
             expectedResults << QJsonObject{{"eTag", eTag}, {"partNum", i + 1}};
         }
-        QCOMPARE(argumentsOf(chunks), expectedChunks);
+        QCOMPARE(QList<QVariantList>(chunks), expectedChunks);
         QList<QVariantList> expectedStatus{{"accept", 0, "Uploading input", kUid},
                                            {"upload", 0, "Uploading input", kUid},
                                            {"accept", 0, "Uploaded chunk 0 / 5", kUid}};
@@ -143,7 +135,7 @@ private slots:
             expectedStatus << QVariantList{"accept", part / 5, QStringLiteral("Uploaded chunk %1 / 5").arg(part), kUid};
         expectedStatus << QVariantList{"complete-upload", 0, "Upload complete.", kUid}
                        << QVariantList{"processing", 0, "Processing", kUid};
-        QCOMPARE(argumentsOf(status), expectedStatus);
+        QCOMPARE(QList<QVariantList>(status), expectedStatus);
 
         const QJsonArray log = m_service->log();
         const QString job = log[1]["job"].toString();
@@ -244,7 +236,7 @@ private slots:
         QVERIFY(m_service->fault(QJsonObject{{"call", "chunk"}, {"kind", "drop"}, {"occurrence", 1}}));
         start(*api, kUid);
         QTRY_COMPARE_WITH_TIMEOUT(errors.count(), 2, 20000);
-        QCOMPARE(argumentsOf(errors),
+        QCOMPARE(QList<QVariantList>(errors),
                  (QList<QVariantList>{{kUid, "error uploading", "Error uploading files. Check your internet connection and retry."},
                                       {kUid, "Error sending upload results.", "Part 1 is missing or does not match its ETag."}}));
         QCOMPARE(chunks.count(), 4);
