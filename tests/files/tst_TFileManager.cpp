@@ -88,12 +88,6 @@ private slots:
                  QString());
     }
 
-    void cleanupTestCase()
-    {
-        qunsetenv("KUTILS_CONFIG_FILE");
-        Configuration::reload();
-    }
-
     void makeFormatString_data()
     {
         QTest::addColumn<QString>("path");
