@@ -5,10 +5,13 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QMutex>
+#include <QObject>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <QTest>
+#include <QVariant>
 
 // Points every standard location, the settings store and the data folders of
 // the test into a temporary folder, so that no test writes into the real
@@ -119,3 +122,47 @@ inline QByteArray randomBytes(int size, quint32 seed = 1)
     QRandomGenerator(seed).fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
     return bytes;
 }
+
+// The signals of an object that emits them on a worker, as the test's thread
+// receives them: queued, in the order they came. (A QSignalSpy records them on
+// the worker, racing the test's reads.)
+class QueuedSignals : public QObject
+{
+public:
+    template<typename Sender, typename... Args>
+    QueuedSignals &watch(Sender *sender, void (Sender::*signal)(Args...), const QString &name)
+    {
+        connect(sender, signal, this, [this, name](Args... arguments) {
+            names << name;
+            m_arguments << QVariantList{QVariant::fromValue(arguments)...};
+        });
+        return *this;
+    }
+    // The arguments of each `name` signal so far, oldest first.
+    QList<QVariantList> of(const QString &name) const
+    {
+        QList<QVariantList> found;
+        for (qsizetype i = 0; i < names.size(); ++i)
+            if (names[i] == name)
+                found << m_arguments[i];
+        return found;
+    }
+    // The first argument of each, as ids are.
+    QVariantList firstOf(const QString &name) const
+    {
+        QVariantList firsts;
+        for (const QVariantList &arguments : of(name))
+            firsts << arguments.value(0);
+        return firsts;
+    }
+    // Waits until there are `count` of them; false when more or fewer came.
+    bool wait(const QString &name, int count, int timeoutMs)
+    {
+        return QTest::qWaitFor([&] { return of(name).size() >= count; }, timeoutMs) && of(name).size() == count;
+    }
+
+    QStringList names;
+
+private:
+    QList<QVariantList> m_arguments;
+};

@@ -2,12 +2,14 @@
 #include "../platform/VideoioMedia.h"
 
 #include "files/TFileManager.h"
+#include "files/TProcess.h"
 #include "os/CompanionApp.h"
 #include "StandInProcess.h"
 #include "videoio/Reader.h"
 #include "videoio/ThumbnailStore.h"
 #include "videoio/VideoManager.h"
 
+#include <QDirIterator>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSettings>
@@ -21,15 +23,48 @@
 
 namespace {
 
-struct ConcatResult
+// "progress" (id, in, out, completed, total) and "finished" (id, in, out, status).
+struct UnzipSignals : QueuedSignals
 {
-    double uid;
-    QString out;
-    bool ok;
-    int code;
-    int status;
-    int duration;
+    explicit UnzipSignals(TFileManager &manager)
+    {
+        watch(&manager, &TFileManager::unzipProgress, "progress").watch(&manager, &TFileManager::unzipFinished, "finished");
+    }
 };
+
+struct ZipDiscard
+{
+    void operator()(zip_t *archive) const { zip_discard(archive); }
+};
+
+// Writes an archive with entries named exactly as given, which the zip tool
+// would refuse or clean up.
+bool writeRawArchive(const QString &path, const QList<QPair<QByteArray, QByteArray>> &entries)
+{
+    std::unique_ptr<zip_t, ZipDiscard> archive(
+        zip_open(QFile::encodeName(path).constData(), ZIP_CREATE | ZIP_TRUNCATE, nullptr));
+    if (!archive)
+        return false;
+    for (const auto &[name, data] : entries) {
+        zip_source_t *source = zip_source_buffer(archive.get(), data.constData(), zip_uint64_t(data.size()), 0);
+        if (!source || zip_file_add(archive.get(), name.constData(), source, ZIP_FL_ENC_RAW) < 0) {
+            zip_source_free(source);
+            return false;
+        }
+    }
+    if (zip_close(archive.get()) < 0)
+        return false;
+    archive.release();
+    return true;
+}
+
+// Runs `printenv name` (or any program) through a TProcess and returns what it printed.
+QString runAndRead(TProcess &process, const QString &program, const QVariantList &arguments)
+{
+    process.start(program, arguments, false, false);
+    process.waitForFinished(20000);
+    return process.readAllStandardOutput();
+}
 
 } // namespace
 
@@ -42,6 +77,7 @@ private slots:
     {
         m_home = std::make_unique<IsolatedHome>();
         QVERIFY(m_dir.isValid());
+        QVERIFY2(!QStandardPaths::findExecutable(QStringLiteral("zip")).isEmpty(), "the zip tool is needed");
         useConfiguration(m_dir.path(), {{"archivePassword", "pack-secret"}});
         m_video = m_dir.filePath(QStringLiteral("two-seconds.mp4"));
         // MPEG-4 part 2 without B-frames, so a cut by frame count is exact.
@@ -50,12 +86,6 @@ private slots:
                                                                QStringLiteral("-g"), QStringLiteral("25")},
                                              m_video),
                  QString());
-    }
-
-    void cleanupTestCase()
-    {
-        qunsetenv("KUTILS_CONFIG_FILE");
-        Configuration::reload();
     }
 
     void makeFormatString_data()
@@ -279,16 +309,12 @@ private slots:
         QCOMPARE(call(fresh), QString());
     }
 
-    void freeSpaceOfRealVolumes()
+    void freeSpaceOfAMissingVolumeIsZero()
     {
         TFileManager manager;
-        QVERIFY(manager.availableFreeSpace(m_dir.path()) > 0);
         QCOMPARE(manager.availableFreeSpace(QStringLiteral("/no/such/volume/at/all")), 0);
         const QStringList spaces = manager.allFreeSpaces();
-        QVERIFY(!spaces.isEmpty());
         QCOMPARE(spaces.size() % 3, 0);
-        for (int i = 0; i < spaces.size(); i += 3)
-            QVERIFY(spaces[i + 1].toDouble() <= spaces[i + 2].toDouble());
     }
 
     void pluginInstallationWithoutRegistryFails()
@@ -386,23 +412,13 @@ private slots:
         const QString out = m_dir.filePath(QStringLiteral("joined-%1.mp4").arg(QTest::currentDataTag()).replace(' ', '-'));
 
         TFileManager manager;
-        QList<ConcatResult> results;
-        connect(&manager, &TFileManager::concatFinished, this,
-                [&](double uid, const QString &path, bool success, int code, int status, int length) {
-                    results.append({uid, path, success, code, status, length});
-                });
-        // QML may also listen to the overload without the duration.
-        QVERIFY(manager.metaObject()->indexOfSignal("concatFinished(double,QString,bool,int,int)") >= 0);
-
+        QueuedSignals concat;
+        concat.watch(&manager, &TFileManager::concatFinished, "concat");
         manager.concat(out, former, m_video, size_t(frame), 12.5, 3, 4);
-        QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 60000);
-        const ConcatResult &result = results.first();
-        QCOMPARE(result.uid, 12.5);
-        QCOMPARE(result.out, out);
-        QCOMPARE(result.ok, ok);
-        QCOMPARE(result.code, 3);
-        QCOMPARE(result.status, 4);
-        QVERIFY2(qAbs(result.duration - duration) <= 80, qPrintable(QString::number(result.duration)));
+        QVERIFY(concat.wait("concat", 1, 60000));
+        const QVariantList result = concat.of("concat").first();
+        QCOMPARE(result.mid(0, 5), (QVariantList{12.5, out, ok, 3, 4}));
+        QVERIFY2(qAbs(result[5].toInt() - duration) <= 80, qPrintable(result[5].toString()));
     }
 
     void closeAndDeleteFromAnotherThreadDeletesTheFile_data()
@@ -437,7 +453,237 @@ private slots:
         thumbnails.removeAll();
     }
 
+    void twoQueuedArchivesFinishInOrderWithTheirContent()
+    {
+        const QMap<QString, QByteArray> first{{QStringLiteral("a.txt"), "alpha\n"},
+                                              {QStringLiteral("nested/deeper/b.bin"), randomBytes(300000)}};
+        const QMap<QString, QByteArray> second{{QStringLiteral("c.txt"), QByteArray(100000, 'c')}};
+        const QString firstZip = makeZip(QStringLiteral("first.zip"), first);
+        const QString secondZip = makeZip(QStringLiteral("second.zip"), second);
+        QVERIFY(!firstZip.isEmpty() && !secondZip.isEmpty());
+        const QString out = m_dir.filePath(QStringLiteral("ordered"));
+
+        // An older file of an entry's name is replaced.
+        QVERIFY(writeFile(out + QStringLiteral("/2/c.txt"), "older and longer than nothing"));
+
+        TFileManager manager;
+        UnzipSignals unzip(manager);
+        QCOMPARE(manager.queueUnzipRequest(firstZip, out + QStringLiteral("/1")), 1);
+        QCOMPARE(manager.queueUnzipRequest(secondZip, out + QStringLiteral("/2")), 2);
+
+        QTRY_COMPARE_WITH_TIMEOUT(unzip.of("finished").size(), 2, 20000);
+        QCOMPARE(unzip.of("finished"), (QList<QVariantList>{{1, firstZip, out + "/1", true}, {2, secondZip, out + "/2", true}}));
+        // The zip tool also stores the folder entries: two for the first archive.
+        QVERIFY(unzip.of("progress").contains(QVariantList{1, firstZip, out + "/1", 4, 4}));
+        QCOMPARE(unzip.of("progress").last(), (QVariantList{2, secondZip, out + "/2", 1, 1}));
+        for (auto it = first.cbegin(); it != first.cend(); ++it)
+            QCOMPARE(readFileBytes(out + QStringLiteral("/1/") + it.key()), it.value());
+        QCOMPARE(readFileBytes(out + QStringLiteral("/2/c.txt")), second.value(QStringLiteral("c.txt")));
+
+        // Ids belong to the instance.
+        TFileManager other;
+        QCOMPARE(other.queueUnzipRequest(secondZip, out + QStringLiteral("/3")), 1);
+    }
+
+    void damagedEntryIsDroppedAndTheArchiveStillFinishes()
+    {
+        const QByteArray marker = QByteArray("DAMAGE-ME-").repeated(2000);
+        const QString archive = makeZip(QStringLiteral("damaged.zip"),
+                                        {{QStringLiteral("good.txt"), "fine\n"}, {QStringLiteral("bad.bin"), marker}},
+                                        true);
+        QVERIFY(!archive.isEmpty());
+        QByteArray bytes = readFileBytes(archive);
+        const qsizetype at = bytes.indexOf(marker.left(40));
+        QVERIFY2(at > 0, "the stored entry must be found in the archive");
+        bytes[at + 5000] = 'X';
+        QVERIFY(writeFile(archive, bytes));
+
+        LogCapture log;
+        TFileManager manager;
+        UnzipSignals unzip(manager);
+        const QString out = m_dir.filePath(QStringLiteral("damaged-out"));
+        manager.queueUnzipRequest(archive, out);
+        QTRY_COMPARE_WITH_TIMEOUT(unzip.of("finished").size(), 1, 20000);
+        QCOMPARE(unzip.of("finished")[0].last(), QVariant(true));
+        QCOMPARE(readFileBytes(out + QStringLiteral("/good.txt")), QByteArray("fine\n"));
+        // The bad CRC shows only on the last read; nothing of the entry may stay.
+        QVERIFY(!QFile::exists(out + QStringLiteral("/bad.bin")));
+        QCOMPARE(QDir(out).entryList(QDir::Files | QDir::Hidden), QStringList{QStringLiteral("good.txt")});
+        QVERIFY(log.contains(QStringLiteral("decompressZip Failed to read entry:")));
+    }
+
+    void unopenableArchiveOrOutputIsLoggedAndNeverSignalled()
+    {
+        // The end-of-directory record alone is a complete ZIP archive with no entries.
+        const QString empty = m_dir.filePath(QStringLiteral("empty.zip"));
+        QVERIFY(writeFile(empty, QByteArray("PK\x05\x06", 4) + QByteArray(18, '\0')));
+        const QString notZip = m_dir.filePath(QStringLiteral("notes.zip"));
+        QVERIFY(writeFile(notZip, QByteArray("just some words, no archive\n").repeated(20)));
+        const QString goodZip = makeZip(QStringLiteral("after.zip"), {{QStringLiteral("x.txt"), "x"}});
+        QVERIFY(!goodZip.isEmpty());
+        const QString blocker = m_dir.filePath(QStringLiteral("blocker"));
+        QVERIFY(writeFile(blocker, "a file where a folder should be"));
+
+        LogCapture log;
+        TFileManager manager;
+        UnzipSignals unzip(manager);
+        QCOMPARE(manager.queueUnzipRequest(notZip, m_dir.filePath(QStringLiteral("never"))), 1);
+        QCOMPARE(manager.queueUnzipRequest(m_dir.filePath(QStringLiteral("missing.zip")),
+                                           m_dir.filePath(QStringLiteral("never"))), 2);
+        QCOMPARE(manager.queueUnzipRequest(goodZip, blocker + QStringLiteral("/out")), 3);
+        // An archive without entries queued behind them tells when the worker has passed them.
+        QCOMPARE(manager.queueUnzipRequest(empty, m_dir.filePath(QStringLiteral("empty-out"))), 4);
+        QTRY_COMPARE_WITH_TIMEOUT(unzip.firstOf("finished"), QVariantList{4}, 20000);
+        QCOMPARE(unzip.of("finished")[0].last(), QVariant(true));
+        QCOMPARE(unzip.of("progress"), (QList<QVariantList>{{4, empty, m_dir.filePath(QStringLiteral("empty-out")), 0, 0}}));
+        QVERIFY(QFileInfo(m_dir.filePath(QStringLiteral("empty-out"))).isDir());
+        QCOMPARE(log.count(QStringLiteral(" decompressZip Failed to open zip file:")), 2);
+        QVERIFY(log.contains(QStringLiteral("decompressZip Failed to recreate output directory:")));
+        QVERIFY(!QFileInfo::exists(m_dir.filePath(QStringLiteral("never"))));
+    }
+
+    void hostileEntriesNeverLandOutside_data()
+    {
+        QTest::addColumn<QString>("entryName");
+        QTest::addColumn<QString>("landsInside"); // relative to the output folder; empty when refused
+
+        QTest::newRow("through a folder") << QStringLiteral("a/../../x.txt") << QString();
+        QTest::newRow("absolute") << QStringLiteral("<sandbox>/x.txt") << QString();
+        QTest::newRow("sibling with common prefix") << QStringLiteral("../out-evil/x.txt") << QString();
+        QTest::newRow("dots that stay inside") << QStringLiteral("a/../b/./x.txt") << QStringLiteral("b/x.txt");
+        QTest::newRow("folder entry above") << QStringLiteral("../up/") << QString();
+    }
+
+    void hostileEntriesNeverLandOutside()
+    {
+        QFETCH(QString, entryName);
+        QFETCH(QString, landsInside);
+        QTemporaryDir sandbox;
+        const QString out = sandbox.filePath(QStringLiteral("out"));
+        entryName.replace(QStringLiteral("<sandbox>"), sandbox.path());
+        const QString archive = sandbox.filePath(QStringLiteral("hostile.zip"));
+        QVERIFY(writeRawArchive(archive, {{"first.txt", "1"}, {entryName.toUtf8(), "payload"}, {"last.txt", "2"}}));
+
+        LogCapture log;
+        TFileManager manager;
+        UnzipSignals unzip(manager);
+        manager.queueUnzipRequest(archive, out);
+        QTRY_COMPARE_WITH_TIMEOUT(unzip.of("finished").size(), 1, 20000);
+        QCOMPARE(unzip.of("finished")[0].last(), QVariant(true));
+        QCOMPARE(readFileBytes(out + QStringLiteral("/first.txt")), QByteArray("1"));
+        QCOMPARE(readFileBytes(out + QStringLiteral("/last.txt")), QByteArray("2"));
+
+        // Everything in the sandbox but the archive lies under the output folder.
+        QDirIterator all(sandbox.path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden,
+                         QDirIterator::Subdirectories);
+        while (all.hasNext()) {
+            const QString path = all.next();
+            QVERIFY2(path == archive || path == out || path.startsWith(out + QLatin1Char('/')), qPrintable(path));
+        }
+        if (landsInside.isEmpty())
+            QVERIFY(log.contains(QStringLiteral("decompressZip Refused entry outside the output directory:")));
+        else
+            QCOMPARE(readFileBytes(out + QLatin1Char('/') + landsInside), QByteArray("payload"));
+    }
+
+    void destroyingWithQueuedRequestsReturns()
+    {
+        const QString archive = makeZip(QStringLiteral("many.zip"), {{QStringLiteral("big.bin"), randomBytes(4 << 20)}});
+        QVERIFY(!archive.isEmpty());
+        auto manager = std::make_unique<TFileManager>();
+        for (int i = 0; i < 5; ++i)
+            manager->queueUnzipRequest(archive, m_dir.filePath(QStringLiteral("many/%1").arg(i)));
+        // The destructor lets a decompression under way end and drops the rest.
+        manager.reset();
+        int unpacked = 0;
+        for (int i = 0; i < 5; ++i)
+            unpacked += QFile::exists(m_dir.filePath(QStringLiteral("many/%1/big.bin").arg(i))) ? 1 : 0;
+        QVERIFY(unpacked <= 1);
+    }
+
+    void childrenSeeTheModelFoldersAndTheLaterValue()
+    {
+        TProcess process;
+        TFileManager manager;
+        process.addEnvironmentVariable(QStringLiteral("KUTILS_PROBE"), QStringLiteral("first"));
+        process.addEnvironmentVariable(QStringLiteral("KUTILS_PROBE"), QStringLiteral("second"));
+        LogCapture log;
+        // Arguments of any type reach the child as text.
+        const QString output = runAndRead(process, QStringLiteral("sh"),
+                                          {QStringLiteral("-c"),
+                                           QStringLiteral("printf '%s|' \"$KVID_MODEL_DIR\" \"$KVID_MODEL_DATA_DIR\" "
+                                                          "\"$KORVEL_AIE_MESSAGES\" \"$KVID_ALWAYS_LOG\" \"$KUTILS_PROBE\" \"$@\""),
+                                           QStringLiteral("sh"), 42, 2.5, true, QStringLiteral("word with spaces")});
+        QVERIFY(manager.defaultModelFolderPath().startsWith(m_home->machineData));
+        QCOMPARE(output, QStringList({manager.defaultModelFolderPath(), manager.getModelFolderPath(),
+                                      QStringLiteral("1|1|second|42|2.5|true|word with spaces|")})
+                             .join(QLatin1Char('|')));
+        // Started without logging: the arguments may hold secrets.
+        QVERIFY(!log.lines().join(QLatin1Char('\n')).contains(QStringLiteral("word with spaces")));
+    }
+
+    void addToPathPutsTheLastPathFirst_data()
+    {
+        QTest::addColumn<bool>("pathSet");
+        QTest::addColumn<QStringList>("added");
+        QTest::addColumn<QString>("expected");
+
+        QTest::newRow("two on a set PATH") << true << QStringList{QStringLiteral("/opt/a"), QStringLiteral("/opt/b")}
+                                           << QStringLiteral("/opt/b;/opt/a;/usr/bin:/bin");
+        QTest::newRow("no PATH at all") << false << QStringList{QStringLiteral("/opt/a")} << QStringLiteral("/opt/a;");
+    }
+
+    void addToPathPutsTheLastPathFirst()
+    {
+        QFETCH(bool, pathSet);
+        QFETCH(QStringList, added);
+        QFETCH(QString, expected);
+
+        // The environment is taken at construction, so PATH is arranged before it.
+        const QByteArray savedPath = qgetenv("PATH");
+        if (pathSet)
+            qputenv("PATH", "/usr/bin:/bin");
+        else
+            qunsetenv("PATH");
+        TProcess process;
+        qputenv("PATH", savedPath);
+
+        for (const QString &path : added)
+            process.addToPath(path);
+        const QString printenv = QStandardPaths::findExecutable(QStringLiteral("printenv"));
+        QCOMPARE(runAndRead(process, printenv, {QStringLiteral("PATH")}).trimmed(), expected);
+    }
+
+    void destroyingKillsTheChild()
+    {
+        LogCapture log;
+        auto process = std::make_unique<TProcess>();
+        process->start(QStringLiteral("sleep"), {600});
+        QVERIFY(process->QProcess::waitForStarted(10000));
+        QVERIFY(log.contains(QStringLiteral("600")));
+        const qint64 pid = process->processId();
+        QVERIFY(pid > 0);
+        process.reset();
+        QVERIFY(log.contains(QStringLiteral("~TProcess(): destroyed")));
+        // The child was killed and reaped: its pid is gone.
+        QVERIFY(!QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)));
+    }
+
 private:
+    QString makeZip(const QString &name, const QMap<QString, QByteArray> &files, bool stored = false)
+    {
+        const QString source = m_dir.filePath(name + QStringLiteral(".src"));
+        for (auto it = files.cbegin(); it != files.cend(); ++it)
+            if (!writeFile(source + QLatin1Char('/') + it.key(), it.value()))
+                return {};
+        const QString archive = m_dir.filePath(name);
+        QStringList arguments{QStringLiteral("-q"), QStringLiteral("-r")};
+        if (stored)
+            arguments << QStringLiteral("-0");
+        arguments << archive << QStringLiteral(".");
+        return runTool(QStringLiteral("zip"), arguments, source) ? archive : QString();
+    }
+
     std::unique_ptr<IsolatedHome> m_home;
     QTemporaryDir m_dir;
     QString m_video;

@@ -5,7 +5,6 @@
 #include "aiengine/DeviceSelector.h"
 #include "aiengine/ModelBackendFactory.h"
 #include "aiengine/ModelManager.h"
-#include "aiutils/BlockingQueueTemplate.h"
 #include "aiutils/SystemInfo.h"
 #include "aiutils/kzutils.h"
 
@@ -17,7 +16,6 @@
 #include <zip.h>
 
 #include <memory>
-#include <queue>
 #include <thread>
 
 using aiengine::DeviceSelector;
@@ -86,7 +84,6 @@ class tst_ModelManager : public QObject
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_archives.isValid());
         const QString modelPath = m_archives.filePath(QStringLiteral("model.kz"));
         QVERIFY(kzutils::saveEncryptedFile({{QStringLiteral("weights.bin"), randomBytes(200000, 7)},
                                             {QStringLiteral("graph.json"), QByteArray(5000, '{')}},
@@ -147,17 +144,6 @@ private slots:
         QVERIFY(consistent);
     }
 
-    void computeFilenameAddsBlocksAndCapabilityWhenSet()
-    {
-        const ModelManager manager("shortName", true, true, "/", {});
-        const auto name = [&](int width, int height, int capability, bool extension) {
-            return QString::fromStdString(
-                manager.computeFilename("upscale", "2", "cpu", 4, width, height, capability, extension));
-        };
-        QCOMPARE(name(256, 0, 0, false), "upscale-2-cpu-x4");
-        QCOMPARE(name(512, 256, 86, true), "upscale-2-cpu-x4-512x256-c86.kz");
-    }
-
     void modelFileExists_data()
     {
         QTest::addColumn<QString>("fileName");
@@ -208,15 +194,11 @@ private slots:
         QTest::addColumn<QString>("expected");
         QTest::addColumn<int>("capability");
         const std::set<std::string> all{"cpu", "cuda", "vulkan", "coreml"};
-        QTest::newRow("CPU") << -1 << all << 0.0f << "cpu" << 0;
-        QTest::newRow("CUDA GPU") << 0 << all << 0.0f << "cuda" << 86;
         QTest::newRow("other GPU") << 1 << all << 0.0f << "vulkan" << 0;
         QTest::newRow("GPU, only CPU offered") << 1 << std::set<std::string>{"cpu"} << 0.0f << "cpu" << 0;
         QTest::newRow("nothing offered") << 0 << std::set<std::string>{"odd"} << 0.0f << "none" << 86;
-        QTest::newRow("past the end") << 2 << all << 0.0f << "none" << 0;
         QTest::newRow("below the CPU") << -2 << all << 0.0f << "none" << 0;
         QTest::newRow("Apple, system too old") << 1 << all << 13.0f << "vulkan" << 0;
-        QTest::newRow("Apple") << 1 << all << 10.15f << "coreml" << 0;
     }
 
     void preferredBackend()
@@ -259,7 +241,6 @@ private slots:
         QTest::addColumn<double>("available");
         const QString v2 = "sys/fs/cgroup/memory.max", v1 = "sys/fs/cgroup/memory/memory.limit_in_bytes";
         QTest::newRow("v2 max") << v2 << QByteArray("max\n") << 16.0 << 12.0;
-        QTest::newRow("v2 4 GiB") << v2 << QByteArray("4294967296\n") << 4.0 << 4.0;
         QTest::newRow("v2 above available") << v2 << QByteArray("14495514624\n") << 13.5 << 12.0;
         QTest::newRow("v1 unlimited") << v1 << QByteArray("9223372036854771712\n") << 16.0 << 12.0;
     }
@@ -301,35 +282,12 @@ private slots:
         QVERIFY(SystemInfo(root.filePath("nothing")).getGPUList().empty());
     }
 
-    void stoppedQueueGivesNothingUntilReset()
-    {
-        aiutils::BlockingQueueTemplate<std::queue<int>, int> queue;
-        int item = 0;
-        std::thread waiter([&] { QVERIFY(queue.pop(item)); });
-        queue.push(7);
-        waiter.join();
-        QCOMPARE(item, 7);
-        queue.push(8);
-        std::thread stopped([&] {
-            int front = 0;
-            while (queue.front(front)) { } // leaves only when stopped, though an item remains
-        });
-        queue.stop();
-        stopped.join();
-        QVERIFY(!queue.pop(item));
-        queue.reset();
-        QVERIFY(queue.front(item) && queue.pop(item));
-        QCOMPARE(item, 8);
-    }
-
     void savedArchiveRoundTrips_data()
     {
         QTest::addColumn<Buffers>("files");
         QTest::newRow("plain words") << Buffers{{QStringLiteral("note.txt"), "plain words that must not show"}};
         QTest::newRow("empty buffer beside data")
             << Buffers{{QStringLiteral("empty"), QByteArray()}, {QStringLiteral("data"), randomBytes(4096, 1)}};
-        QTest::newRow("large and compressible")
-            << Buffers{{QStringLiteral("zeros.raw"), QByteArray(3 << 20, '\0')}};
         QTest::newRow("names with folders and accents")
             << Buffers{{QStringLiteral("sub/caf\u00e9.json"), "{}"}, {QStringLiteral("b.bin"), randomBytes(64, 2)}};
     }
@@ -365,7 +323,6 @@ private slots:
         QTest::addColumn<bool>("expected");
 
         QTest::newRow("good, full check") << m_goodModel << password << true << true;
-        QTest::newRow("wrong password") << m_goodModel << QStringLiteral("hunter2") << true << false;
         QTest::newRow("truncated by one byte") << m_goodModel.chopped(1) << password << true << false;
         QTest::newRow("first half only") << m_goodModel.left(m_goodModel.size() / 2) << password << false << false;
         QTest::newRow("not an archive") << QByteArray(4096, 'x') << password << true << false;
@@ -392,27 +349,16 @@ private slots:
         QCOMPARE(kzutils::verifyCompressedBuffer(QStringLiteral("model.kz"), bytes, options, readThrough), expected);
     }
 
-    void bufferToFileWritesAndReplaces()
-    {
-        const QString path = m_archives.filePath(QStringLiteral("models/new/sub/model.kz"));
-        QCOMPARE(kzutils::bufferToFile(m_goodModel, path), QString());
-        QCOMPARE(readFileBytes(path), m_goodModel);
-        const QByteArray second = randomBytes(1024, 9);
-        QCOMPARE(kzutils::bufferToFile(second, path), QString());
-        QCOMPARE(readFileBytes(path), second);
-        QCOMPARE(QDir(m_archives.filePath(QStringLiteral("models/new/sub"))).entryList(QDir::Files | QDir::Hidden),
-                 QStringList{QStringLiteral("model.kz")});
-    }
-
-    void bufferToFileFailureLeavesNothing_data()
+    void bufferToFileReplacesWholeOrLeavesNothing_data()
     {
         QTest::addColumn<QString>("relativePath");
+        QTest::newRow("new folders on the way, then over the file") << QStringLiteral("blocked/new/sub/model.kz");
         QTest::newRow("target is a folder") << QStringLiteral("blocked/model.kz");
         QTest::newRow("parent is a file") << QStringLiteral("blocked/file.txt/model.kz");
         QTest::newRow("empty path") << QString();
     }
 
-    void bufferToFileFailureLeavesNothing()
+    void bufferToFileReplacesWholeOrLeavesNothing()
     {
         QFETCH(QString, relativePath);
         const QString folder = m_archives.filePath(QStringLiteral("blocked"));
@@ -420,11 +366,22 @@ private slots:
         QFile blocker(folder + QStringLiteral("/file.txt"));
         QVERIFY(blocker.open(QIODevice::WriteOnly));
         blocker.close();
-        const QStringList before = QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+        const auto entries = [&] { return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot); };
+        const QStringList before = entries();
 
         const QString path = relativePath.isEmpty() ? QString() : m_archives.filePath(relativePath);
-        QVERIFY(!kzutils::bufferToFile(m_goodModel, path).isEmpty());
-        QCOMPARE(QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), before);
+        const bool writable = relativePath.contains(QStringLiteral("/new/"));
+        for (const QByteArray &bytes : {m_goodModel, randomBytes(1024, 9)}) {
+            QCOMPARE(kzutils::bufferToFile(bytes, path).isEmpty(), writable);
+            if (writable)
+                QCOMPARE(readFileBytes(path), bytes);
+        }
+        if (writable) {
+            // No temporary file is left beside it.
+            QCOMPARE(QDir(QFileInfo(path).path()).entryList(QDir::Files | QDir::Hidden), QStringList{"model.kz"});
+            return;
+        }
+        QCOMPARE(entries(), before);
         QVERIFY(QFileInfo(folder + QStringLiteral("/model.kz")).isDir());
     }
 };

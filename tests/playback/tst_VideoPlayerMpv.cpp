@@ -1,12 +1,18 @@
-// The two-pane player end to end: a QML scene with two real mpv panes under
-// Xvfb, an input whose frames show their own number as a grey level, and a
-// preview set rendered from it (one stretch tinted, one at slow motion 2).
-// Both panes must follow one clock across the preview boundaries.
+// The players end to end: QML scenes with real mpv panes under Xvfb, an input
+// whose frames show their own number as a grey level, and a preview set
+// rendered from it (one stretch tinted, one at slow motion 2). Both panes must
+// follow one clock across the preview boundaries; the single-clip player loops
+// for ever; the demo's live-render wiring puts the filtered frame into the
+// right pane, as ffmpeg would filter it, while the left keeps the plain one.
+#include "LiveRenderScene.h"
 #include "PaneOffsets.h"
 #include "PlayerMedia.h"
 
+#include "playback/InstantReaderWatcher.h"
+#include "playback/IsolatedPlayer.h"
 #include "playback/MPVObject.h"
 #include "playback/VideoPlayer.h"
+#include "videoio/FFReaderUtils.h"
 
 #include <QGuiApplication>
 #include <QPointer>
@@ -21,6 +27,8 @@
 #include <algorithm>
 #include <memory>
 
+using liverenderscene::psnr;
+using videoplayer::InstantReaderWatcher;
 using videoplayer::VideoPlayer;
 
 namespace {
@@ -49,6 +57,18 @@ Window {
 // Where the preview set cuts the input, on its axis.
 const double kCuts[] = {1000, 2001, 2520, 3001};
 
+const QByteArray kSingleClip = R"(
+import QtQuick
+import QtQuick.Window
+import kutils 1.0
+Window {
+    width: 320; height: 240; visible: true
+    property alias player: player
+    MPVObject { id: pane; anchors.fill: parent }
+    IsolatedPlayer { id: player; m_mpvs: [pane] }
+}
+)";
+
 } // namespace
 
 class tst_VideoPlayerMpv : public QObject
@@ -58,6 +78,7 @@ class tst_VideoPlayerMpv : public QObject
 private:
     QTemporaryDir dir;
     QString input, previewA, previewB;
+    QString pattern; // 4 s at 25 fps of a moving pattern, every picture a key picture
 
     struct Scene
     {
@@ -73,6 +94,7 @@ private:
         {
             return qobject_cast<T *>(root->property(name).value<QObject *>());
         }
+        QImage grab() const { return window->screen()->grabWindow(window->winId()).toImage(); }
         // Waits until both panes show input frame `frame` in grabs of the
         // window; says what they show if they never do.
         QString waitForBothOn(double frame) const
@@ -90,11 +112,11 @@ private:
     };
 
     // A scene whose panes have their native windows; nothing is loaded yet.
-    std::unique_ptr<Scene> makeScene()
+    std::unique_ptr<Scene> makeScene(const QByteArray &qml = kScene)
     {
         auto scene = std::make_unique<Scene>();
         QQmlComponent component(&scene->engine);
-        component.setData(kScene, QUrl());
+        component.setData(qml, QUrl());
         scene->root.reset(component.create());
         if (!scene->root) {
             qWarning() << component.errorString();
@@ -104,9 +126,72 @@ private:
         scene->player = scene->item<VideoPlayer>("player");
         scene->left = scene->item<MPVObject>("left");
         scene->right = scene->item<MPVObject>("right");
-        if (!QTest::qWaitFor([&] { return scene->left->surface() && scene->right->surface(); }, 30000))
+        const auto panes = scene->root->findChildren<MPVObject *>();
+        const auto shown = [&] {
+            return std::all_of(panes.begin(), panes.end(), [](MPVObject *pane) { return pane->surface(); });
+        };
+        if (!QTest::qWaitFor(shown, 30000))
             return nullptr;
         return scene;
+    }
+
+    // The demo's live-render scene, paused at 1000 ms on the pattern.
+    std::unique_ptr<Scene> makeLiveScene()
+    {
+        const QString demo = QUrl::fromLocalFile(QStringLiteral(KUTILS_SOURCE_DIR "/demo")).toString();
+        auto scene = makeScene(QString::fromUtf8(liverenderscene::kScene).arg(demo).toUtf8());
+        if (!scene)
+            return nullptr;
+        QMetaObject::invokeMethod(scene->root.get(), "open", Q_ARG(QVariant, pattern), Q_ARG(QVariant, 4000));
+        VideoPlayer *player = scene->player;
+        if (!QTest::qWaitFor([&] { return player->isIdle() && player->getIsOpen(); }, 30000))
+            return nullptr;
+        player->seek(1000);
+        if (!QTest::qWaitFor([&] { return player->isIdle() && player->getInputTimestamp() == 1000; }, 30000))
+            return nullptr;
+        QCoreApplication::sendPostedEvents();
+        // Turning it on realigns the panes, which ends with a stop of their
+        // renders: a filter change before that would be stopped. The player's
+        // signals are posted before it is idle again.
+        QMetaObject::invokeMethod(scene->item<QObject>("live"), "setEnabled", Q_ARG(QVariant, true));
+        if (!QTest::qWaitFor([&] { return player->isIdle(); }, 30000))
+            return nullptr;
+        QCoreApplication::sendPostedEvents();
+        return scene;
+    }
+
+    // A pane's picture in the live scene's grid of two columns and two rows.
+    static QImage paneOf(const Scene &scene, int column, int row)
+    {
+        return scene.grab().copy(column * 320 + 20, row * 240 + 20, 280, 200).convertToFormat(QImage::Format_RGB32);
+    }
+
+    // ffmpeg's picture of the pattern at `ms` through `vf`, shown in the pane
+    // below the one it is compared with.
+    bool showReference(const Scene &scene, const char *pane, int ms, const QString &vf)
+    {
+        const QString file = dir.filePath(QStringLiteral("ref-%1-%2.mkv").arg(QLatin1String(pane)).arg(ms));
+        QStringList args{"-ss", QString::number(ms / 1000.0, 'f', 3), "-i", pattern, "-frames:v", "1"};
+        if (!vf.isEmpty())
+            args << "-vf" << vf;
+        if (!playermedia::ffmpeg(args << "-c:v" << "ffv1" << file))
+            return false;
+        auto *reference = scene.root->findChild<MPVObject *>(QLatin1String(pane));
+        QSignalSpy loaded(reference, &MPVObject::fileLoaded);
+        reference->load(file, 0);
+        return loaded.wait(15000);
+    }
+
+    // How close a pane comes to what its reference pane shows.
+    static double matchOf(const Scene &scene, int column)
+    {
+        double best = 0;
+        // The caller judges the best match seen.
+        static_cast<void>(QTest::qWaitFor([&] {
+            best = psnr(paneOf(scene, column, 0), paneOf(scene, column, 1));
+            return best >= 35.0;
+        }, 30000));
+        return best;
     }
 
     void openAll(Scene &scene)
@@ -122,12 +207,17 @@ private slots:
         qunsetenv("QML_IMPORT_PATH");
         qmlRegisterType<MPVObject>("kutils", 1, 0, "MPVObject");
         qmlRegisterType<VideoPlayer>("kutils", 1, 0, "VideoPlayer");
+        qmlRegisterType<IsolatedPlayer>("kutils", 1, 0, "IsolatedPlayer");
+        qmlRegisterType<InstantReaderWatcher>("kutils", 1, 0, "InstantReaderWatcher");
         input = dir.filePath(QStringLiteral("input.mp4"));
         previewA = dir.filePath(QStringLiteral("tinted.mp4"));
         previewB = dir.filePath(QStringLiteral("slow.mp4"));
         QVERIFY(playermedia::makeInput(input));
         QVERIFY(playermedia::makePreview(input, previewA, 1000, 1000, 1));
         QVERIFY(playermedia::makePreview(input, previewB, 2520, 480, 2));
+        pattern = dir.filePath(QStringLiteral("pattern.mp4"));
+        QVERIFY(playermedia::ffmpeg({"-f", "lavfi", "-i", "testsrc2=size=320x240:rate=25:duration=4", "-c:v",
+                                     "libx264", "-qp", "0", "-g", "1", "-pix_fmt", "yuv420p", pattern}));
     }
 
     // A front end restoring a saved position asks for it right after opening,
@@ -390,6 +480,92 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(player->isIdle(), 30000);
         const QString rested = scene->waitForBothOn(1480 / 40);
         QVERIFY2(rested.isEmpty(), qPrintable(rested));
+    }
+
+    // The single-clip player loops the whole clip, or its in/out range, for ever.
+    void singleClipLoopsForEver_data()
+    {
+        QTest::addColumn<bool>("trim");
+        QTest::newRow("whole clip") << false;
+        QTest::newRow("in/out range") << true;
+    }
+
+    void singleClipLoopsForEver()
+    {
+        QFETCH(bool, trim);
+        const auto scene = makeScene(kSingleClip);
+        QVERIFY(scene);
+        auto *player = scene->item<IsolatedPlayer>("player");
+        player->addInput(1, 0, input, 4000, 25.0, 1.0, true, {{QStringLiteral("duration"), 4000}});
+        player->adjustInOutRange(trim, QPoint(1200, 2000));
+        const qint64 first = trim ? 1200 : 0;
+        const qint64 last = trim ? 2000 : 3960;
+        player->seek(last - 400);
+        player->play();
+        // Two wraps: the second proves that the loop resumed playing by itself.
+        int wraps = 0;
+        qint64 previous = player->getInputTimestamp();
+        qint64 highest = 0;
+        const auto sample = [&] {
+            const qint64 now = player->getInputTimestamp();
+            if (now + 200 < previous)
+                ++wraps;
+            previous = now;
+            highest = std::max(highest, now);
+            return wraps >= 2;
+        };
+        QVERIFY2(QTest::qWaitFor(sample, 20000), qPrintable(QStringLiteral("%1 wraps, at %2").arg(wraps).arg(previous)));
+        QVERIFY(player->getIsPlaying());
+        QVERIFY2(highest <= last + 60, qPrintable(QString::number(highest)));
+        QVERIFY(previous >= first);
+    }
+
+    // Paused at 1000 ms, a filter change renders the 21 pictures from the
+    // playhead in two chunks; a second filter replaces the first. Pictures
+    // that a filter holds back are the reader's own test.
+    void liveRenderShowsTheFilteredFrame()
+    {
+        const QStringList filters{"negate", "vflip,hue=h=90"};
+        const auto scene = makeLiveScene();
+        QVERIFY(scene);
+        QObject *live = scene->item<QObject>("live");
+        QSignalSpy laid(live, SIGNAL(chunkLaid(int, int)));
+        for (const QString &vf : filters) {
+            laid.clear();
+            QMetaObject::invokeMethod(live, "setFilter", Q_ARG(QVariant, vf));
+            QTRY_COMPARE_WITH_TIMEOUT(laid.count(), 2, 30000);
+        }
+        // The earlier chain's chunks were closed.
+        const QVariantList chunks = live->property("laid").toList();
+        QCOMPARE(chunks.size(), 2);
+        QCOMPARE(laid.at(0).at(0).toInt(), 1000);
+        QCOMPARE(laid.at(1).at(1).toInt(), 1839);
+        // Exactly the window's pictures.
+        size_t pictures = 0;
+        for (const QVariant &chunk : chunks)
+            pictures += videoio::FFReaderUtils::countFrames(chunk.toMap().value("file").toString(), 0);
+        QCOMPARE(pictures, size_t(21));
+
+        QTRY_VERIFY_WITH_TIMEOUT(scene->player->isIdle(), 30000);
+        QVERIFY(showReference(*scene, "refRight", 1000, filters.last()));
+        const double right = matchOf(*scene, 1);
+        QVERIFY2(right >= 35.0, qPrintable(QString::number(right)));
+        // The filter is the right pane's alone.
+        QVERIFY(psnr(paneOf(*scene, 0, 0), paneOf(*scene, 1, 0)) < 25.0);
+    }
+
+    void liveRenderOfABadChainFailsAndThePlayerGoesOn()
+    {
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("failed: the filter chain does not build"));
+        const auto scene = makeLiveScene();
+        QVERIFY(scene);
+        QObject *live = scene->item<QObject>("live");
+        QSignalSpy failed(live->property("watcher").value<InstantReaderWatcher *>(), &InstantReaderWatcher::renderFailed);
+        QMetaObject::invokeMethod(live, "setFilter", Q_ARG(QVariant, "nosuchfilter"));
+        QTRY_COMPARE_WITH_TIMEOUT(failed.count(), 1, 30000);
+        QMetaObject::invokeMethod(live, "setEnabled", Q_ARG(QVariant, false));
+        scene->player->play();
+        QTRY_VERIFY_WITH_TIMEOUT(scene->player->getIsPlaying() && scene->player->getInputTimestamp() > 1400, 30000);
     }
 };
 

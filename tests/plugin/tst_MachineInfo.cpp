@@ -14,7 +14,6 @@ private slots:
         QTest::addColumn<float>("ram");
         QTest::addColumn<float>("vram");
         QTest::addColumn<int>("expected");
-        QTest::newRow("16 GiB, 8 GiB GPU") << 16.0f << 8.0f << 2;
         QTest::newRow("64 GiB, 24 GiB GPU") << 64.0f << 24.0f << 3;
         // The reading round(log2(R - 0.2)) would give 3 here.
         QTest::newRow("24 GiB, 24 GiB GPU") << 24.0f << 24.0f << 2;

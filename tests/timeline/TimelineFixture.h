@@ -71,11 +71,20 @@ inline QString describe(const videoplayer::Timeline &timeline)
 }
 
 // Runs a script of steps on `timeline`: "A=2000,3000" adds preview A over that
-// stretch at 25 fps, "A=2000,3000@0" at another rate, "-A" deletes A.
+// stretch at 25 fps, "A=2000,3000@0" at another rate, "-A" deletes A, "I"
+// adds the input itself and "*" clears the timeline.
 inline void runScript(videoplayer::Timeline &timeline, const QStringList &steps,
                       std::map<QString, std::shared_ptr<Video>> &byName)
 {
     for (const QString &step : steps) {
+        if (step == QLatin1String("I")) {
+            timeline.addVideo(timeline.input);
+            continue;
+        }
+        if (step == QLatin1String("*")) {
+            timeline.clear();
+            continue;
+        }
         if (step.startsWith(QLatin1Char('-'))) {
             const auto found = byName.find(step.mid(1));
             timeline.deletePreview(found != byName.end() ? found->second->uid : -12345);
