@@ -16,15 +16,9 @@
 #include <QTest>
 #include <QWindow>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <mutex>
 #include <thread>
 
 namespace {
@@ -32,104 +26,6 @@ namespace {
 // Set in the environment of a restarted copy of this test: the copy records
 // its arguments there and ends, instead of running the tests again.
 constexpr char restartMarker[] = "KUTILS_TEST_RESTART_MARKER";
-
-// A CONNECT proxy on loopback that records each tunnel's request line and
-// Proxy-Authorization, and either relays or gives a fixed answer.
-class LoopbackProxy
-{
-public:
-    explicit LoopbackProxy(std::string answer = {})
-        : m_answer(std::move(answer))
-    {
-        m_listener = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        ::bind(m_listener, reinterpret_cast<sockaddr *>(&address), length);
-        ::listen(m_listener, 16);
-        ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &length);
-        port = ntohs(address.sin_port);
-        m_thread = std::thread([this] { serve(); });
-    }
-    ~LoopbackProxy()
-    {
-        m_stop = true;
-        ::shutdown(m_listener, SHUT_RDWR);
-        m_thread.join();
-        ::close(m_listener);
-    }
-    QStringList requests() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_requests;
-    }
-
-    int port = 0;
-
-private:
-    void serve()
-    {
-        while (!m_stop) {
-            const int client = ::accept(m_listener, nullptr, nullptr);
-            if (client < 0)
-                return;
-            std::string head;
-            char block[4096];
-            while (head.find("\r\n\r\n") == std::string::npos) {
-                const ssize_t n = ::recv(client, block, sizeof block, 0);
-                if (n <= 0)
-                    break;
-                head.append(block, static_cast<size_t>(n));
-            }
-            const QString text = QString::fromStdString(head);
-            QString record = text.section("\r\n", 0, 0);
-            for (const QString &line : text.split("\r\n"))
-                if (line.startsWith("Proxy-Authorization:", Qt::CaseInsensitive))
-                    record += " | " + line;
-            {
-                std::lock_guard lock(m_mutex);
-                m_requests << record;
-            }
-            if (m_answer.empty())
-                relay(client, text.section(' ', 1, 1));
-            else
-                ::send(client, m_answer.data(), m_answer.size(), MSG_NOSIGNAL);
-            ::close(client);
-        }
-    }
-
-    void relay(int client, const QString &target)
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(target.section(':', 1, 1).toUShort());
-        const int upstream = ::socket(AF_INET, SOCK_STREAM, 0);
-        if (::connect(upstream, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
-            const std::string ok = "HTTP/1.1 200 Connection established\r\n\r\n";
-            ::send(client, ok.data(), ok.size(), MSG_NOSIGNAL);
-            pollfd fds[2] = {{client, POLLIN, 0}, {upstream, POLLIN, 0}};
-            char block[65536];
-            for (bool open = true; open && !m_stop && ::poll(fds, 2, 200) >= 0;) {
-                for (int i = 0; i < 2 && open; ++i) {
-                    if (!(fds[i].revents & (POLLIN | POLLHUP)))
-                        continue;
-                    const ssize_t n = ::recv(fds[i].fd, block, sizeof block, 0);
-                    open = n > 0 && ::send(fds[1 - i].fd, block, static_cast<size_t>(n), MSG_NOSIGNAL) == n;
-                }
-            }
-        }
-        ::close(upstream);
-    }
-
-    std::string m_answer;
-    int m_listener = -1;
-    std::atomic<bool> m_stop = false;
-    std::thread m_thread;
-    mutable std::mutex m_mutex;
-    QStringList m_requests;
-};
 
 int childMain()
 {
@@ -178,6 +74,22 @@ class tst_KUtils : public QObject
         return factory.send(m_service->ready["video"].toString().toStdString() + "/video/status/",
                             [](httplib::Client &client, const std::string &path) { return client.Get(path); });
     }
+    // The stand-in proxy's tunnels: "target | credential".
+    QStringList tunnels()
+    {
+        QStringList found;
+        for (const QJsonValue &entry : m_service->log())
+            if (entry["call"] == "connect")
+                found << entry["path"].toString() + " | " + entry["headers"]["Proxy-Authorization"].toString();
+        return found;
+    }
+    QString proxyStore(const QString &folder, QJsonObject store = {{"enabled", true}})
+    {
+        store["hostname"] = "127.0.0.1";
+        store["port"] = m_service->ready["proxy"].toString().section(':', 1).toInt();
+        m_service->reset();
+        return writeStore(folder, store);
+    }
 
 private slots:
     void initTestCase()
@@ -186,7 +98,7 @@ private slots:
         QVERIFY(QFile::copy(KUTILS_SOURCE_DIR "/demo/models/models.json", m_models.filePath("models.json")));
         aiengine::ModelManager::MakeInstance("shortName", true, true, "/", {});
         aiengine::ModelManager::GetInstance().setModelDirPath(m_models.path(), m_models.path());
-        m_service = std::make_unique<CloudStandIn>();
+        m_service = std::make_unique<CloudStandIn>(QStringList{"--proxy", "0"});
         QVERIFY(m_service->isReady());
     }
 
@@ -497,32 +409,29 @@ private slots:
     {
         QTest::addColumn<QJsonObject>("store");
         QTest::addColumn<QStringList>("tunnels");
-        const QString target = "CONNECT 127.0.0.1:" + m_service->ready["video"].toString().section(':', 2) + " HTTP/1.1";
+        const QString target = "127.0.0.1:" + m_service->ready["video"].toString().section(':', 2) + " | ";
         QTest::newRow("no store") << QJsonObject() << QStringList();
-        QTest::newRow("disabled") << QJsonObject{{"enabled", false}, {"hostname", "127.0.0.1"}, {"port", 0}} << QStringList();
-        QTest::newRow("empty user name") << QJsonObject{{"enabled", true}, {"hostname", "127.0.0.1"}, {"port", 0},
-                                                        {"authentication", true}, {"username", ""}, {"password", "x"}}
+        QTest::newRow("disabled") << QJsonObject{{"enabled", false}} << QStringList();
+        QTest::newRow("empty user name") << QJsonObject{{"enabled", true}, {"authentication", true}, {"username", ""},
+                                                        {"password", "x"}}
                                          << QStringList{target, target};
-        QTest::newRow("basic credentials")
-            << QJsonObject{{"enabled", true}, {"hostname", "127.0.0.1"}, {"port", 0}, {"username", "ann"}, {"password", "s3cret"}}
-            << QStringList(2, target + " | Proxy-Authorization: Basic YW5uOnMzY3JldA==");
+        QTest::newRow("basic credentials") << QJsonObject{{"enabled", true}, {"username", "ann"}, {"password", "s3cret"}}
+                                           << QStringList(2, target + "Basic YW5uOnMzY3JldA==");
     }
 
     void storeDecidesTheProxy()
     {
         QFETCH(QJsonObject, store);
         QFETCH(QStringList, tunnels);
-        LoopbackProxy proxy;
         QTemporaryDir folder;
-        if (!store.isEmpty())
-            store["port"] = proxy.port;
-        const QString path = store.isEmpty() ? folder.filePath("proxy.json") : writeStore(folder.path(), store);
+        const QString path = store.isEmpty() ? folder.filePath("proxy.json") : proxyStore(folder.path(), store);
+        m_service->reset();
         const HttpClientFactory factory(path.toStdString());
         const auto result = statusCall(factory);
         QVERIFY(result);
         QCOMPARE(result->status, 200);
         // The probe's CONNECT, then httplib's own.
-        QCOMPARE(proxy.requests(), tunnels);
+        QCOMPARE(this->tunnels(), tunnels);
     }
 
     void connectAnswersThatWouldHangFailTheCall_data()
@@ -536,17 +445,16 @@ private slots:
     void connectAnswersThatWouldHangFailTheCall()
     {
         QFETCH(QString, answer);
-        LoopbackProxy proxy(answer.toStdString());
         QTemporaryDir folder;
-        const QString path = writeStore(folder.path(), {{"enabled", true}, {"hostname", "127.0.0.1"}, {"port", proxy.port}});
-        const HttpClientFactory factory(path.toStdString());
+        const HttpClientFactory factory(proxyStore(folder.path()).toStdString());
+        QVERIFY(m_service->fault(QJsonObject{{"call", "connect"}, {"kind", "status"}, {"body", answer}}));
         // Every KUtils silences the library's logger, which writes the line read here.
         aiutils::Logger::Enable();
         StdoutCapture capture;
         QVERIFY(!statusCall(factory));
-        QVERIFY(capture.text().contains("__!__ The proxy 127.0.0.1:" + QString::number(proxy.port) + " answered CONNECT with \""
+        QVERIFY(capture.text().contains("__!__ The proxy " + m_service->ready["proxy"].toString() + " answered CONNECT with \""
                                         + answer.section("\r\n", 0, 0) + "\""));
-        QCOMPARE(proxy.requests().size(), 1);
+        QCOMPARE(tunnels().size(), 1);
     }
 
     void redirectToAnotherPortIsFollowedWithTheBundle()

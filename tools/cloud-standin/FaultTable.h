@@ -46,3 +46,7 @@ private:
     int m_held = 0;
     bool m_stopping = false;
 };
+
+// Ends the connection a request came in on, from inside its handler: the
+// client sees it drop without an answer.
+void dropConnection(int remotePort);
