@@ -40,17 +40,8 @@ public:
 
     QString token() const { return ready["token"].toString(); }
 
-    // One fault, or an array of them: {"call", "kind", "occurrence", "job", "status", "body", "delayMs"}.
-    bool fault(const QJsonValue &spec)
-    {
-        return post("/fault", (spec.isArray() ? QJsonDocument(spec.toArray()) : QJsonDocument(spec.toObject())).toJson());
-    }
-    bool release() { return post("/release", "{}"); }
-    bool reset() { return post("/reset", "{}"); }
+    // Faults may also name a "job".
     bool setJob(const QString &job, const QJsonObject &state) { return post("/job/" + job, QJsonDocument(state).toJson()); }
-    int held() { return isReady() ? get("/held").object()["held"].toInt() : -1; }
-    // The requests served so far, oldest first.
-    QJsonArray log() { return get("/log").array(); }
     // "METHOD path" of each logged call of the given names (all when empty).
     QStringList calls(const QStringList &names = {})
     {
