@@ -108,48 +108,46 @@ private slots:
         m_service->configure({});
     }
 
-    void overrideFileReplacesKeysOneByOne()
+    // A good file replaces keys one by one; a bad one keeps every default.
+    void overrideFiles_data()
     {
+        QTest::addColumn<QByteArray>("content"); // empty: no file
+        QTest::addColumn<QString>("modelHost");  // empty: the default, with a warning
         const QJsonObject settings{{"videoApiProduction", "https://127.0.0.1:4443"},
                                    {"modelHost", "https://127.0.0.1:4444"},
                                    {"emailMacSalt", "salt"},
                                    {"unknownKey", "ignored"},
                                    {"mpvExtraOptions", QJsonArray{QJsonArray{"vo", "null"}, QJsonArray{"ao", "null"},
                                                                   QJsonArray{"hwdec", "no"}}}};
-        useConfiguration(m_configs.path(), settings);
-        const Configuration &config = Configuration::instance();
+        QTest::newRow("good") << QJsonDocument(settings).toJson() << "https://127.0.0.1:4444";
+        QTest::newRow("missing file") << QByteArray() << QString();
+        QTest::newRow("malformed JSON") << QByteArray("{\"modelHost\": ") << QString();
+        QTest::newRow("array instead of object") << QByteArray("[1, 2]") << QString();
+        QTest::newRow("number where a string belongs") << QByteArray("{\"modelHost\": 5}") << QString();
+    }
+
+    void overrideFiles()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(QString, modelHost);
+        const QString path = m_configs.filePath(QStringLiteral("config.json"));
+        QFile::remove(path);
+        if (!content.isEmpty())
+            QVERIFY(writeFile(path, content));
+        qputenv("KUTILS_CONFIG_FILE", path.toUtf8());
+        if (modelHost.isEmpty())
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral(".")));
+        const Configuration config = Configuration::load();
+        QCOMPARE(config.modelHost, modelHost);
+        if (modelHost.isEmpty())
+            return;
         QCOMPARE(config.videoApiProduction, QStringLiteral("https://127.0.0.1:4443"));
-        QCOMPARE(config.modelHost, QStringLiteral("https://127.0.0.1:4444"));
         QCOMPARE(config.emailMacSalt, QStringLiteral("salt"));
         QVERIFY(config.videoApiStaging.isEmpty());
         // Options keep their order.
         QCOMPARE(config.mpvExtraOptions.size(), 3);
         QCOMPARE(config.mpvExtraOptions[0], qMakePair(QStringLiteral("vo"), QStringLiteral("null")));
         QCOMPARE(config.mpvExtraOptions[2], qMakePair(QStringLiteral("hwdec"), QStringLiteral("no")));
-    }
-
-    void badOverrideFilesKeepTheDefaults_data()
-    {
-        QTest::addColumn<QByteArray>("content");
-        QTest::addColumn<bool>("exists");
-        QTest::newRow("missing file") << QByteArray() << false;
-        QTest::newRow("malformed JSON") << QByteArray("{\"modelHost\": ") << true;
-        QTest::newRow("array instead of object") << QByteArray("[1, 2]") << true;
-        QTest::newRow("number where a string belongs") << QByteArray("{\"modelHost\": 5}") << true;
-    }
-
-    void badOverrideFilesKeepTheDefaults()
-    {
-        QFETCH(QByteArray, content);
-        QFETCH(bool, exists);
-        const QString path = m_configs.filePath(QStringLiteral("config.json"));
-        QFile::remove(path);
-        if (exists)
-            QVERIFY(writeFile(path, content));
-        qputenv("KUTILS_CONFIG_FILE", path.toUtf8());
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral(".")));
-        const Configuration config = Configuration::load();
-        QVERIFY(config.modelHost.isEmpty());
     }
 
     // The flag is fixed when the library loads, so each value is tried in a
@@ -177,60 +175,49 @@ private slots:
         QCOMPARE(out, expected ? QByteArray("atLoad=1 afterChange=1 environmentNow=0")
                                : QByteArray("atLoad=0 afterChange=0 environmentNow=1"));
     }
-    void msecToSmpte_data()
+    // Milliseconds to labels, labels to milliseconds, or both ways.
+    void timecodes_data()
     {
         QTest::addColumn<int>("ms");
         QTest::addColumn<double>("rate");
-        QTest::addColumn<QString>("expected");
+        QTest::addColumn<QString>("timecode");
+        QTest::addColumn<QString>("way");
 
-        QTest::newRow("minute 1 skips ;00 and ;01") << 60060 << 29.97 << "00:01:00;02";
-        QTest::newRow("no skip at a tenth minute") << 600000 << 29.97 << "00:10:00;00";
-        QTest::newRow("23.976 drops one label a minute") << 1001 << 23.976 << "00:00:01;00";
-        QTest::newRow("zero rate means 30 non-drop") << 500 << 0.0 << "00:00:00:15";
-        QTest::newRow("negative time is zero") << -5000 << 25.0 << "00:00:00:00";
-        QTest::newRow("drop-frame wraps oddly past a day") << 90000000 << 29.97 << "00:59:59;28";
-        QTest::newRow("59.94 drops four labels") << 60060 << 59.94 << "00:01:00;04";
-        QTest::newRow("half frame rounds up") << 20 << 25.0 << "00:00:00:01";
-        QTest::newRow("hundred hours grow wider") << 360000000 << 25.0 << "100:00:00:00";
-        QTest::newRow("frames above 99 grow wider") << 10 << 120000.0 << "00:00:00:1200";
+        QTest::newRow("minute 1 skips ;00 and ;01") << 60060 << 29.97 << "00:01:00;02" << "to text";
+        QTest::newRow("no skip at a tenth minute") << 600000 << 29.97 << "00:10:00;00" << "both";
+        QTest::newRow("23.976 drops one label a minute") << 1001 << 23.976 << "00:00:01;00" << "to text";
+        QTest::newRow("zero rate means 30 non-drop") << 500 << 0.0 << "00:00:00:15" << "to text";
+        QTest::newRow("negative time is zero") << -5000 << 25.0 << "00:00:00:00" << "to text";
+        QTest::newRow("drop-frame wraps oddly past a day") << 90000000 << 29.97 << "00:59:59;28" << "to text";
+        QTest::newRow("59.94 drops four labels") << 60060 << 59.94 << "00:01:00;04" << "to text";
+        QTest::newRow("half frame rounds up") << 20 << 25.0 << "00:00:00:01" << "to text";
+        QTest::newRow("hundred hours grow wider") << 360000000 << 25.0 << "100:00:00:00" << "to text";
+        QTest::newRow("frames above 99 grow wider") << 10 << 120000.0 << "00:00:00:1200" << "to text";
+        QTest::newRow("dropped label reads as the next real one") << 60060 << 29.97 << "00:01:00;00" << "to ms";
+        QTest::newRow("semicolon decides, not the rate") << 60160 << 25.0 << "00:01:00;05" << "to ms";
+        QTest::newRow("colon text at 29.97 is non-drop") << 60060 << 29.97 << "00:01:00:00" << "to ms";
+        QTest::newRow("non-numbers read as zero") << 1000 << 25.0 << "xx:00:01:yy" << "to ms";
+        QTest::newRow("after a second semicolon is dropped") << 1200 << 25.0 << "00:00:01;05;99" << "to ms";
+        QTest::newRow("truncates, not rounds") << 33 << 29.97 << "00:00:00:01" << "to ms";
+        QTest::newRow("single precision loses whole frames") << 559240533 << 30.0 << "155:20:40:17" << "to ms";
+        QTest::newRow("three fields: logged, zero") << 0 << 25.0 << "1:2:3" << "to ms";
+        QTest::newRow("semicolon not last: logged, zero") << 0 << 25.0 << "1:2;3:4" << "to ms";
     }
 
-    void msecToSmpte()
+    void timecodes()
     {
         QFETCH(int, ms);
         QFETCH(double, rate);
-        QFETCH(QString, expected);
-        KUtils utils;
-        QCOMPARE(utils.convertMsecToSmpte(ms, rate), expected);
-    }
-
-    void smpteToMsec_data()
-    {
-        QTest::addColumn<QString>("timecode");
-        QTest::addColumn<double>("rate");
-        QTest::addColumn<int>("expected");
-
-        QTest::newRow("dropped label reads as the next real one") << "00:01:00;00" << 29.97 << 60060;
-        QTest::newRow("tenth minute keeps ;00") << "00:10:00;00" << 29.97 << 600000;
-        QTest::newRow("semicolon decides, not the rate") << "00:01:00;05" << 25.0 << 60160;
-        QTest::newRow("colon text at 29.97 is non-drop") << "00:01:00:00" << 29.97 << 60060;
-        QTest::newRow("non-numbers read as zero") << "xx:00:01:yy" << 25.0 << 1000;
-        QTest::newRow("after a second semicolon is dropped") << "00:00:01;05;99" << 25.0 << 1200;
-        QTest::newRow("truncates, not rounds") << "00:00:00:01" << 29.97 << 33;
-        QTest::newRow("single precision loses whole frames") << "155:20:40:17" << 30.0 << 559240533;
-        QTest::newRow("three fields: logged, zero") << "1:2:3" << 25.0 << 0;
-        QTest::newRow("semicolon not last: logged, zero") << "1:2;3:4" << 25.0 << 0;
-    }
-
-    void smpteToMsec()
-    {
         QFETCH(QString, timecode);
-        QFETCH(double, rate);
-        QFETCH(int, expected);
+        QFETCH(QString, way);
         KUtils utils;
-        if (!expected)
+        if (way != "to ms")
+            QCOMPARE(utils.convertMsecToSmpte(ms, rate), timecode);
+        if (way == "to text")
+            return;
+        if (!ms)
             QTest::ignoreMessage(QtWarningMsg, qPrintable("Failed to convert time code to milliseconds for time code: " + timecode));
-        QCOMPARE(utils.convertSmpteTomsec(timecode, rate), expected);
+        QCOMPARE(utils.convertSmpteTomsec(timecode, rate), ms);
     }
 
     void frameArithmetic_data()
