@@ -215,12 +215,8 @@ void CloudService::serve(const std::string &server, const std::string &call, con
         m_log.push_back(entry);
     }
 
-    const std::optional<Fault> fault = m_faults.next(call, job ? job->id : std::string());
+    const std::optional<Fault> fault = m_faults.arrive(call, job ? job->id : std::string());
     const std::string kind = fault ? fault->kind : std::string();
-    if (kind == "delay")
-        std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMs));
-    if (kind == "hold")
-        m_faults.hold();
     if (kind == "status") {
         res.status = fault->status;
         // httplib would cut any body to the requested range, and answer 416 for
@@ -569,12 +565,8 @@ std::optional<std::string> CloudService::connectAnswer(const std::string &target
         entry["seq"] = m_log.size();
         m_log.push_back(entry);
     }
-    const std::optional<Fault> fault = m_faults.next("connect", {});
+    const std::optional<Fault> fault = m_faults.arrive("connect", {});
     const std::string kind = fault ? fault->kind : std::string();
-    if (kind == "delay")
-        std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMs));
-    if (kind == "hold")
-        m_faults.hold();
     if (kind == "drop")
         return std::string();
     // A proxy's refusal is its whole answer: the body, when given, is written as it is.

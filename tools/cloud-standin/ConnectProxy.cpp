@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cerrno>
 #include <stdexcept>
 
 namespace {
@@ -60,8 +62,8 @@ ConnectProxy::~ConnectProxy()
         for (const int fd : m_sockets)
             ::shutdown(fd, SHUT_RDWR);
     }
-    for (std::thread &tunnel : m_tunnels)
-        tunnel.join();
+    for (Tunnel &tunnel : m_tunnels)
+        tunnel.thread.join();
     if (m_listener >= 0)
         ::close(m_listener);
 }
@@ -89,9 +91,21 @@ void ConnectProxy::accept()
                 continue;
             return;
         }
+        // Ended tunnels are joined here, so that a long run does not pile them up.
+        m_tunnels.remove_if([](Tunnel &tunnel) {
+            if (!*tunnel.done)
+                return false;
+            tunnel.thread.join();
+            return true;
+        });
         const std::lock_guard lock(m_mutex);
         m_sockets.push_back(client);
-        m_tunnels.emplace_back([this, client] { serve(client); });
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        m_tunnels.push_back({std::thread([this, client, done] {
+                                 serve(client);
+                                 *done = true;
+                             }),
+                             done});
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <functional>
+#include <list>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,6 +28,12 @@ public:
     int start(int port);
 
 private:
+    struct Tunnel
+    {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
+
     void accept();
     void serve(int client);
     void relay(int client, int upstream);
@@ -34,7 +42,7 @@ private:
     int m_listener = -1;
     std::atomic<bool> m_stopping = false;
     std::thread m_acceptor;
-    std::mutex m_mutex; // m_tunnels, m_sockets
-    std::vector<std::thread> m_tunnels;
+    std::mutex m_mutex; // m_sockets
+    std::list<Tunnel> m_tunnels; // the acceptor's, and the destructor's once it has ended
     std::vector<int> m_sockets;
 };

@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 void FaultTable::add(const nlohmann::json &spec)
 {
@@ -46,6 +48,16 @@ std::optional<Fault> FaultTable::next(const std::string &call, const std::string
             return fault;
     }
     return std::nullopt;
+}
+
+std::optional<Fault> FaultTable::arrive(const std::string &call, const std::string &job)
+{
+    const std::optional<Fault> fault = next(call, job);
+    if (fault && fault->kind == "delay")
+        std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMs));
+    if (fault && fault->kind == "hold")
+        hold();
+    return fault;
 }
 
 void FaultTable::hold()

@@ -122,12 +122,8 @@ TelemetryService::Route TelemetryService::serve(const std::string &call, Route r
             m_log.push_back(std::move(entry));
         }
 
-        const std::optional<Fault> fault = m_faults.next(call, {});
+        const std::optional<Fault> fault = m_faults.arrive(call, {});
         const std::string kind = fault ? fault->kind : std::string();
-        if (kind == "delay")
-            std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMs));
-        if (kind == "hold")
-            m_faults.hold();
         if (kind == "drop")
             return dropConnection(request.remote_port);
         if (kind == "status")
