@@ -1,5 +1,5 @@
 // Installer download through TUpdateChecker::startUpdate beside curl, from the
-// same local TLS server in one run.
+// same local TLS server (the telemetry stand-in) in one run.
 //
 //   ninja -C build bench_UpdateDownload && build/bench/telemetry/bench_UpdateDownload [MiB] [runs]
 //
@@ -8,7 +8,7 @@
 // size before it (the kernel's high-water mark, reset before each run).
 // Needs curl and the installer's size free in the temporary folder (TMPDIR).
 
-#include "TelemetryTestSupport.h"
+#include "StandInProcess.h"
 
 #include "telemetry/TUpdateChecker.h"
 
@@ -59,21 +59,20 @@ int main(int argc, char **argv)
     const size_t size = size_t(mib) << 20;
 
     QTemporaryDir dir;
-    const testca::Files ca = testca::makeThrowawayCa(dir.path().toStdString());
-    useConfiguration(dir.path(), QJsonObject{{"caBundle", QString::fromStdString(ca.caCert)}});
+    StandInProcess standIn(QStringLiteral(KUTILS_TELEMETRY_STANDIN),
+                           {QStringLiteral("--dir"), dir.filePath(QStringLiteral("standin")), QStringLiteral("--installer-mib"),
+                            QString::number(mib)});
+    QFile written(standIn.ready[QStringLiteral("config")].toString());
+    if (!standIn.isReady() || !written.open(QIODevice::ReadOnly)) {
+        std::fprintf(stderr, "the telemetry stand-in did not start\n");
+        return 1;
+    }
+    const QJsonObject config = QJsonDocument::fromJson(written.readAll()).object();
+    const QString caBundle = config[QStringLiteral("caBundle")].toString();
+    useConfiguration(dir.path(), config);
     qputenv("TMPDIR", dir.path().toUtf8());
     QLoggingCategory::setFilterRules(QStringLiteral("kutils.telemetry.info=false"));
-
-    LoopbackServer server(&ca);
-    const std::string block(1 << 20, 'k');
-    server.on("GET", "/setup.msi", [&](const httplib::Request &, httplib::Response &response) {
-        response.set_content_provider(size, "application/octet-stream",
-                                      [&](size_t offset, size_t length, httplib::DataSink &sink) {
-                                          const size_t at = offset % block.size();
-                                          return sink.write(block.data() + at, std::min(length, block.size() - at));
-                                      });
-    });
-    const QString url = server.base() + QStringLiteral("/setup.msi");
+    const QString url = standIn.ready[QStringLiteral("https")].toString() + QStringLiteral("/installers/setup.msi");
 
     std::vector<double> ours, curl;
     qint64 worstGrowthKb = 0;
@@ -81,7 +80,7 @@ int main(int argc, char **argv)
         QElapsedTimer clock;
         clock.start();
         const int curlExit = QProcess::execute(QStringLiteral("curl"), {QStringLiteral("-sf"), QStringLiteral("--cacert"),
-                                                                        QString::fromStdString(ca.caCert), QStringLiteral("-o"),
+                                                                        caBundle, QStringLiteral("-o"),
                                                                         dir.filePath(QStringLiteral("curl.msi")), url});
         curl.push_back(clock.elapsed() / 1000.0);
         QFile::remove(dir.filePath(QStringLiteral("curl.msi")));

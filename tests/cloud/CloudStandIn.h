@@ -14,25 +14,22 @@ class CloudStandIn : private QTemporaryDir, public StandInProcess
 public:
     // `extraConfig` adds keys to the client configuration (modelPassword, ...).
     explicit CloudStandIn(const QStringList &arguments = {}, const QJsonObject &extraConfig = {})
-        : StandInProcess(QStringLiteral(KUTILS_CLOUD_STANDIN), QStringList{"--dir", path() + "/service"} + arguments)
+        : StandInProcess(QStringLiteral(KUTILS_CLOUD_STANDIN),
+                         QStringList{"--dir", path() + "/service", "--config-out", path() + "/standin.json"} + arguments)
     {
         configure(extraConfig);
     }
     ~CloudStandIn() { release(); }
 
-    // Points the client configuration at the stand-in, with `extra` keys over the defaults.
+    // Points the client configuration at the stand-in, with `extra` keys over the ones it wrote.
     void configure(const QJsonObject &extra)
     {
-        if (!isReady())
+        QFile written(path() + "/standin.json");
+        if (!isReady() || !written.open(QIODevice::ReadOnly))
             return;
-        QJsonObject config{{"videoApiProduction", ready["video"]}, {"videoApiStaging", ready["videoStaging"]},
-                           {"accountApiProduction", ready["account"]}, {"accountApiStaging", ready["accountStaging"]},
-                           {"cloudApiKeyProduction", ready["apiKeyProduction"]},
-                           {"cloudApiKeyStaging", ready["apiKeyStaging"]}, {"caBundle", ready["caBundle"]},
-                           // Only asked for its system proxy, never called.
-                           {"downloadHost", "https://127.0.0.1:9/"}};
-        if (ready.contains("files"))
-            config["modelHost"] = ready["files"];
+        QJsonObject config = QJsonDocument::fromJson(written.readAll()).object();
+        // Only asked for its system proxy, never called.
+        config["downloadHost"] = "https://127.0.0.1:9/";
         for (auto it = extra.begin(); it != extra.end(); ++it)
             config[it.key()] = it.value();
         useConfiguration(path(), config);
@@ -40,17 +37,8 @@ public:
 
     QString token() const { return ready["token"].toString(); }
 
-    // One fault, or an array of them: {"call", "kind", "occurrence", "job", "status", "body", "delayMs"}.
-    bool fault(const QJsonValue &spec)
-    {
-        return post("/fault", (spec.isArray() ? QJsonDocument(spec.toArray()) : QJsonDocument(spec.toObject())).toJson());
-    }
-    bool release() { return post("/release", "{}"); }
-    bool reset() { return post("/reset", "{}"); }
+    // Sets a job's "status" and "message". (Faults here may also name a "job".)
     bool setJob(const QString &job, const QJsonObject &state) { return post("/job/" + job, QJsonDocument(state).toJson()); }
-    int held() { return isReady() ? get("/held").object()["held"].toInt() : -1; }
-    // The requests served so far, oldest first.
-    QJsonArray log() { return get("/log").array(); }
     // "METHOD path" of each logged call of the given names (all when empty).
     QStringList calls(const QStringList &names = {})
     {

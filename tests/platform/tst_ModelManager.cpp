@@ -1,6 +1,7 @@
 // The model engine's stand-in, the machine facts it chooses devices by, and
 // the enciphered archives that model files are.
 #include "../files/FilesTestSupport.h"
+#include "../support/ZipEntries.h"
 
 #include "aiengine/DeviceSelector.h"
 #include "aiengine/ModelBackendFactory.h"
@@ -12,8 +13,6 @@
 #include <QSysInfo>
 #include <QTemporaryDir>
 #include <QTest>
-
-#include <zip.h>
 
 #include <memory>
 #include <thread>
@@ -30,38 +29,6 @@ namespace {
 constexpr double GiB = 1024.0 * 1024.0 * 1024.0;
 
 const QString password = QStringLiteral("Tr0ub4dor&3");
-
-struct ZipDiscard
-{
-    void operator()(zip_t *archive) const { zip_discard(archive); }
-};
-
-// The entries of an archive on disk as libzip reads them with `pass`; an entry
-// that fails to open or read comes back as a null array.
-QMap<QString, QByteArray> unpack(const QString &path, const QByteArray &pass)
-{
-    QMap<QString, QByteArray> entries;
-    std::unique_ptr<zip_t, ZipDiscard> archive(zip_open(QFile::encodeName(path).constData(), ZIP_RDONLY, nullptr));
-    if (!archive)
-        return entries;
-    zip_set_default_password(archive.get(), pass.isEmpty() ? nullptr : pass.constData());
-    for (zip_int64_t i = 0; i < zip_get_num_entries(archive.get(), 0); ++i) {
-        const QString name = QString::fromUtf8(zip_get_name(archive.get(), zip_uint64_t(i), 0));
-        zip_file_t *file = zip_fopen_index(archive.get(), zip_uint64_t(i), 0);
-        QByteArray data;
-        if (file) {
-            char block[8192];
-            zip_int64_t got = 0;
-            while ((got = zip_fread(file, block, sizeof block)) > 0)
-                data.append(block, got);
-            zip_fclose(file);
-            if (got < 0)
-                data = QByteArray();
-        }
-        entries.insert(name, data);
-    }
-    return entries;
-}
 
 } // namespace
 

@@ -16,15 +16,9 @@
 #include <QTest>
 #include <QWindow>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <mutex>
 #include <thread>
 
 namespace {
@@ -32,104 +26,6 @@ namespace {
 // Set in the environment of a restarted copy of this test: the copy records
 // its arguments there and ends, instead of running the tests again.
 constexpr char restartMarker[] = "KUTILS_TEST_RESTART_MARKER";
-
-// A CONNECT proxy on loopback that records each tunnel's request line and
-// Proxy-Authorization, and either relays or gives a fixed answer.
-class LoopbackProxy
-{
-public:
-    explicit LoopbackProxy(std::string answer = {})
-        : m_answer(std::move(answer))
-    {
-        m_listener = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        ::bind(m_listener, reinterpret_cast<sockaddr *>(&address), length);
-        ::listen(m_listener, 16);
-        ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &length);
-        port = ntohs(address.sin_port);
-        m_thread = std::thread([this] { serve(); });
-    }
-    ~LoopbackProxy()
-    {
-        m_stop = true;
-        ::shutdown(m_listener, SHUT_RDWR);
-        m_thread.join();
-        ::close(m_listener);
-    }
-    QStringList requests() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_requests;
-    }
-
-    int port = 0;
-
-private:
-    void serve()
-    {
-        while (!m_stop) {
-            const int client = ::accept(m_listener, nullptr, nullptr);
-            if (client < 0)
-                return;
-            std::string head;
-            char block[4096];
-            while (head.find("\r\n\r\n") == std::string::npos) {
-                const ssize_t n = ::recv(client, block, sizeof block, 0);
-                if (n <= 0)
-                    break;
-                head.append(block, static_cast<size_t>(n));
-            }
-            const QString text = QString::fromStdString(head);
-            QString record = text.section("\r\n", 0, 0);
-            for (const QString &line : text.split("\r\n"))
-                if (line.startsWith("Proxy-Authorization:", Qt::CaseInsensitive))
-                    record += " | " + line;
-            {
-                std::lock_guard lock(m_mutex);
-                m_requests << record;
-            }
-            if (m_answer.empty())
-                relay(client, text.section(' ', 1, 1));
-            else
-                ::send(client, m_answer.data(), m_answer.size(), MSG_NOSIGNAL);
-            ::close(client);
-        }
-    }
-
-    void relay(int client, const QString &target)
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(target.section(':', 1, 1).toUShort());
-        const int upstream = ::socket(AF_INET, SOCK_STREAM, 0);
-        if (::connect(upstream, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
-            const std::string ok = "HTTP/1.1 200 Connection established\r\n\r\n";
-            ::send(client, ok.data(), ok.size(), MSG_NOSIGNAL);
-            pollfd fds[2] = {{client, POLLIN, 0}, {upstream, POLLIN, 0}};
-            char block[65536];
-            for (bool open = true; open && !m_stop && ::poll(fds, 2, 200) >= 0;) {
-                for (int i = 0; i < 2 && open; ++i) {
-                    if (!(fds[i].revents & (POLLIN | POLLHUP)))
-                        continue;
-                    const ssize_t n = ::recv(fds[i].fd, block, sizeof block, 0);
-                    open = n > 0 && ::send(fds[1 - i].fd, block, static_cast<size_t>(n), MSG_NOSIGNAL) == n;
-                }
-            }
-        }
-        ::close(upstream);
-    }
-
-    std::string m_answer;
-    int m_listener = -1;
-    std::atomic<bool> m_stop = false;
-    std::thread m_thread;
-    mutable std::mutex m_mutex;
-    QStringList m_requests;
-};
 
 int childMain()
 {
@@ -178,6 +74,22 @@ class tst_KUtils : public QObject
         return factory.send(m_service->ready["video"].toString().toStdString() + "/video/status/",
                             [](httplib::Client &client, const std::string &path) { return client.Get(path); });
     }
+    // The stand-in proxy's tunnels: "target | credential".
+    QStringList tunnels()
+    {
+        QStringList found;
+        for (const QJsonValue &entry : m_service->log())
+            if (entry["call"] == "connect")
+                found << entry["path"].toString() + " | " + entry["headers"]["Proxy-Authorization"].toString();
+        return found;
+    }
+    QString proxyStore(const QString &folder, QJsonObject store = {{"enabled", true}})
+    {
+        store["hostname"] = "127.0.0.1";
+        store["port"] = m_service->ready["proxy"].toString().section(':', 1).toInt();
+        m_service->reset();
+        return writeStore(folder, store);
+    }
 
 private slots:
     void initTestCase()
@@ -186,7 +98,7 @@ private slots:
         QVERIFY(QFile::copy(KUTILS_SOURCE_DIR "/demo/models/models.json", m_models.filePath("models.json")));
         aiengine::ModelManager::MakeInstance("shortName", true, true, "/", {});
         aiengine::ModelManager::GetInstance().setModelDirPath(m_models.path(), m_models.path());
-        m_service = std::make_unique<CloudStandIn>();
+        m_service = std::make_unique<CloudStandIn>(QStringList{"--proxy", "0"});
         QVERIFY(m_service->isReady());
     }
 
@@ -196,48 +108,46 @@ private slots:
         m_service->configure({});
     }
 
-    void overrideFileReplacesKeysOneByOne()
+    // A good file replaces keys one by one; a bad one keeps every default.
+    void overrideFiles_data()
     {
+        QTest::addColumn<QByteArray>("content"); // empty: no file
+        QTest::addColumn<QString>("modelHost");  // empty: the default, with a warning
         const QJsonObject settings{{"videoApiProduction", "https://127.0.0.1:4443"},
                                    {"modelHost", "https://127.0.0.1:4444"},
                                    {"emailMacSalt", "salt"},
                                    {"unknownKey", "ignored"},
                                    {"mpvExtraOptions", QJsonArray{QJsonArray{"vo", "null"}, QJsonArray{"ao", "null"},
                                                                   QJsonArray{"hwdec", "no"}}}};
-        useConfiguration(m_configs.path(), settings);
-        const Configuration &config = Configuration::instance();
+        QTest::newRow("good") << QJsonDocument(settings).toJson() << "https://127.0.0.1:4444";
+        QTest::newRow("missing file") << QByteArray() << QString();
+        QTest::newRow("malformed JSON") << QByteArray("{\"modelHost\": ") << QString();
+        QTest::newRow("array instead of object") << QByteArray("[1, 2]") << QString();
+        QTest::newRow("number where a string belongs") << QByteArray("{\"modelHost\": 5}") << QString();
+    }
+
+    void overrideFiles()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(QString, modelHost);
+        const QString path = m_configs.filePath(QStringLiteral("config.json"));
+        QFile::remove(path);
+        if (!content.isEmpty())
+            QVERIFY(writeFile(path, content));
+        qputenv("KUTILS_CONFIG_FILE", path.toUtf8());
+        if (modelHost.isEmpty())
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral(".")));
+        const Configuration config = Configuration::load();
+        QCOMPARE(config.modelHost, modelHost);
+        if (modelHost.isEmpty())
+            return;
         QCOMPARE(config.videoApiProduction, QStringLiteral("https://127.0.0.1:4443"));
-        QCOMPARE(config.modelHost, QStringLiteral("https://127.0.0.1:4444"));
         QCOMPARE(config.emailMacSalt, QStringLiteral("salt"));
         QVERIFY(config.videoApiStaging.isEmpty());
         // Options keep their order.
         QCOMPARE(config.mpvExtraOptions.size(), 3);
         QCOMPARE(config.mpvExtraOptions[0], qMakePair(QStringLiteral("vo"), QStringLiteral("null")));
         QCOMPARE(config.mpvExtraOptions[2], qMakePair(QStringLiteral("hwdec"), QStringLiteral("no")));
-    }
-
-    void badOverrideFilesKeepTheDefaults_data()
-    {
-        QTest::addColumn<QByteArray>("content");
-        QTest::addColumn<bool>("exists");
-        QTest::newRow("missing file") << QByteArray() << false;
-        QTest::newRow("malformed JSON") << QByteArray("{\"modelHost\": ") << true;
-        QTest::newRow("array instead of object") << QByteArray("[1, 2]") << true;
-        QTest::newRow("number where a string belongs") << QByteArray("{\"modelHost\": 5}") << true;
-    }
-
-    void badOverrideFilesKeepTheDefaults()
-    {
-        QFETCH(QByteArray, content);
-        QFETCH(bool, exists);
-        const QString path = m_configs.filePath(QStringLiteral("config.json"));
-        QFile::remove(path);
-        if (exists)
-            QVERIFY(writeFile(path, content));
-        qputenv("KUTILS_CONFIG_FILE", path.toUtf8());
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral(".")));
-        const Configuration config = Configuration::load();
-        QVERIFY(config.modelHost.isEmpty());
     }
 
     // The flag is fixed when the library loads, so each value is tried in a
@@ -265,60 +175,49 @@ private slots:
         QCOMPARE(out, expected ? QByteArray("atLoad=1 afterChange=1 environmentNow=0")
                                : QByteArray("atLoad=0 afterChange=0 environmentNow=1"));
     }
-    void msecToSmpte_data()
+    // Milliseconds to labels, labels to milliseconds, or both ways.
+    void timecodes_data()
     {
         QTest::addColumn<int>("ms");
         QTest::addColumn<double>("rate");
-        QTest::addColumn<QString>("expected");
+        QTest::addColumn<QString>("timecode");
+        QTest::addColumn<QString>("way");
 
-        QTest::newRow("minute 1 skips ;00 and ;01") << 60060 << 29.97 << "00:01:00;02";
-        QTest::newRow("no skip at a tenth minute") << 600000 << 29.97 << "00:10:00;00";
-        QTest::newRow("23.976 drops one label a minute") << 1001 << 23.976 << "00:00:01;00";
-        QTest::newRow("zero rate means 30 non-drop") << 500 << 0.0 << "00:00:00:15";
-        QTest::newRow("negative time is zero") << -5000 << 25.0 << "00:00:00:00";
-        QTest::newRow("drop-frame wraps oddly past a day") << 90000000 << 29.97 << "00:59:59;28";
-        QTest::newRow("59.94 drops four labels") << 60060 << 59.94 << "00:01:00;04";
-        QTest::newRow("half frame rounds up") << 20 << 25.0 << "00:00:00:01";
-        QTest::newRow("hundred hours grow wider") << 360000000 << 25.0 << "100:00:00:00";
-        QTest::newRow("frames above 99 grow wider") << 10 << 120000.0 << "00:00:00:1200";
+        QTest::newRow("minute 1 skips ;00 and ;01") << 60060 << 29.97 << "00:01:00;02" << "to text";
+        QTest::newRow("no skip at a tenth minute") << 600000 << 29.97 << "00:10:00;00" << "both";
+        QTest::newRow("23.976 drops one label a minute") << 1001 << 23.976 << "00:00:01;00" << "to text";
+        QTest::newRow("zero rate means 30 non-drop") << 500 << 0.0 << "00:00:00:15" << "to text";
+        QTest::newRow("negative time is zero") << -5000 << 25.0 << "00:00:00:00" << "to text";
+        QTest::newRow("drop-frame wraps oddly past a day") << 90000000 << 29.97 << "00:59:59;28" << "to text";
+        QTest::newRow("59.94 drops four labels") << 60060 << 59.94 << "00:01:00;04" << "to text";
+        QTest::newRow("half frame rounds up") << 20 << 25.0 << "00:00:00:01" << "to text";
+        QTest::newRow("hundred hours grow wider") << 360000000 << 25.0 << "100:00:00:00" << "to text";
+        QTest::newRow("frames above 99 grow wider") << 10 << 120000.0 << "00:00:00:1200" << "to text";
+        QTest::newRow("dropped label reads as the next real one") << 60060 << 29.97 << "00:01:00;00" << "to ms";
+        QTest::newRow("semicolon decides, not the rate") << 60160 << 25.0 << "00:01:00;05" << "to ms";
+        QTest::newRow("colon text at 29.97 is non-drop") << 60060 << 29.97 << "00:01:00:00" << "to ms";
+        QTest::newRow("non-numbers read as zero") << 1000 << 25.0 << "xx:00:01:yy" << "to ms";
+        QTest::newRow("after a second semicolon is dropped") << 1200 << 25.0 << "00:00:01;05;99" << "to ms";
+        QTest::newRow("truncates, not rounds") << 33 << 29.97 << "00:00:00:01" << "to ms";
+        QTest::newRow("single precision loses whole frames") << 559240533 << 30.0 << "155:20:40:17" << "to ms";
+        QTest::newRow("three fields: logged, zero") << 0 << 25.0 << "1:2:3" << "to ms";
+        QTest::newRow("semicolon not last: logged, zero") << 0 << 25.0 << "1:2;3:4" << "to ms";
     }
 
-    void msecToSmpte()
+    void timecodes()
     {
         QFETCH(int, ms);
         QFETCH(double, rate);
-        QFETCH(QString, expected);
-        KUtils utils;
-        QCOMPARE(utils.convertMsecToSmpte(ms, rate), expected);
-    }
-
-    void smpteToMsec_data()
-    {
-        QTest::addColumn<QString>("timecode");
-        QTest::addColumn<double>("rate");
-        QTest::addColumn<int>("expected");
-
-        QTest::newRow("dropped label reads as the next real one") << "00:01:00;00" << 29.97 << 60060;
-        QTest::newRow("tenth minute keeps ;00") << "00:10:00;00" << 29.97 << 600000;
-        QTest::newRow("semicolon decides, not the rate") << "00:01:00;05" << 25.0 << 60160;
-        QTest::newRow("colon text at 29.97 is non-drop") << "00:01:00:00" << 29.97 << 60060;
-        QTest::newRow("non-numbers read as zero") << "xx:00:01:yy" << 25.0 << 1000;
-        QTest::newRow("after a second semicolon is dropped") << "00:00:01;05;99" << 25.0 << 1200;
-        QTest::newRow("truncates, not rounds") << "00:00:00:01" << 29.97 << 33;
-        QTest::newRow("single precision loses whole frames") << "155:20:40:17" << 30.0 << 559240533;
-        QTest::newRow("three fields: logged, zero") << "1:2:3" << 25.0 << 0;
-        QTest::newRow("semicolon not last: logged, zero") << "1:2;3:4" << 25.0 << 0;
-    }
-
-    void smpteToMsec()
-    {
         QFETCH(QString, timecode);
-        QFETCH(double, rate);
-        QFETCH(int, expected);
+        QFETCH(QString, way);
         KUtils utils;
-        if (!expected)
+        if (way != "to ms")
+            QCOMPARE(utils.convertMsecToSmpte(ms, rate), timecode);
+        if (way == "to text")
+            return;
+        if (!ms)
             QTest::ignoreMessage(QtWarningMsg, qPrintable("Failed to convert time code to milliseconds for time code: " + timecode));
-        QCOMPARE(utils.convertSmpteTomsec(timecode, rate), expected);
+        QCOMPARE(utils.convertSmpteTomsec(timecode, rate), ms);
     }
 
     void frameArithmetic_data()
@@ -497,32 +396,29 @@ private slots:
     {
         QTest::addColumn<QJsonObject>("store");
         QTest::addColumn<QStringList>("tunnels");
-        const QString target = "CONNECT 127.0.0.1:" + m_service->ready["video"].toString().section(':', 2) + " HTTP/1.1";
+        const QString target = "127.0.0.1:" + m_service->ready["video"].toString().section(':', 2) + " | ";
         QTest::newRow("no store") << QJsonObject() << QStringList();
-        QTest::newRow("disabled") << QJsonObject{{"enabled", false}, {"hostname", "127.0.0.1"}, {"port", 0}} << QStringList();
-        QTest::newRow("empty user name") << QJsonObject{{"enabled", true}, {"hostname", "127.0.0.1"}, {"port", 0},
-                                                        {"authentication", true}, {"username", ""}, {"password", "x"}}
+        QTest::newRow("disabled") << QJsonObject{{"enabled", false}} << QStringList();
+        QTest::newRow("empty user name") << QJsonObject{{"enabled", true}, {"authentication", true}, {"username", ""},
+                                                        {"password", "x"}}
                                          << QStringList{target, target};
-        QTest::newRow("basic credentials")
-            << QJsonObject{{"enabled", true}, {"hostname", "127.0.0.1"}, {"port", 0}, {"username", "ann"}, {"password", "s3cret"}}
-            << QStringList(2, target + " | Proxy-Authorization: Basic YW5uOnMzY3JldA==");
+        QTest::newRow("basic credentials") << QJsonObject{{"enabled", true}, {"username", "ann"}, {"password", "s3cret"}}
+                                           << QStringList(2, target + "Basic YW5uOnMzY3JldA==");
     }
 
     void storeDecidesTheProxy()
     {
         QFETCH(QJsonObject, store);
         QFETCH(QStringList, tunnels);
-        LoopbackProxy proxy;
         QTemporaryDir folder;
-        if (!store.isEmpty())
-            store["port"] = proxy.port;
-        const QString path = store.isEmpty() ? folder.filePath("proxy.json") : writeStore(folder.path(), store);
+        const QString path = store.isEmpty() ? folder.filePath("proxy.json") : proxyStore(folder.path(), store);
+        m_service->reset();
         const HttpClientFactory factory(path.toStdString());
         const auto result = statusCall(factory);
         QVERIFY(result);
         QCOMPARE(result->status, 200);
         // The probe's CONNECT, then httplib's own.
-        QCOMPARE(proxy.requests(), tunnels);
+        QCOMPARE(this->tunnels(), tunnels);
     }
 
     void connectAnswersThatWouldHangFailTheCall_data()
@@ -536,17 +432,16 @@ private slots:
     void connectAnswersThatWouldHangFailTheCall()
     {
         QFETCH(QString, answer);
-        LoopbackProxy proxy(answer.toStdString());
         QTemporaryDir folder;
-        const QString path = writeStore(folder.path(), {{"enabled", true}, {"hostname", "127.0.0.1"}, {"port", proxy.port}});
-        const HttpClientFactory factory(path.toStdString());
+        const HttpClientFactory factory(proxyStore(folder.path()).toStdString());
+        QVERIFY(m_service->fault(QJsonObject{{"call", "connect"}, {"kind", "status"}, {"body", answer}}));
         // Every KUtils silences the library's logger, which writes the line read here.
         aiutils::Logger::Enable();
         StdoutCapture capture;
         QVERIFY(!statusCall(factory));
-        QVERIFY(capture.text().contains("__!__ The proxy 127.0.0.1:" + QString::number(proxy.port) + " answered CONNECT with \""
+        QVERIFY(capture.text().contains("__!__ The proxy " + m_service->ready["proxy"].toString() + " answered CONNECT with \""
                                         + answer.section("\r\n", 0, 0) + "\""));
-        QCOMPARE(proxy.requests().size(), 1);
+        QCOMPARE(tunnels().size(), 1);
     }
 
     void redirectToAnotherPortIsFollowedWithTheBundle()

@@ -68,6 +68,18 @@ public:
         return result ? QJsonDocument::fromJson(QByteArray::fromStdString(result->body)) : QJsonDocument();
     }
 
+    // The control calls every stand-in answers. A fault is one object or an
+    // array of them: {"call", "kind", "occurrence", "status", "body", "delayMs", ...}.
+    bool fault(const QJsonValue &spec)
+    {
+        return post("/fault", (spec.isArray() ? QJsonDocument(spec.toArray()) : QJsonDocument(spec.toObject())).toJson());
+    }
+    bool release() { return post("/release", "{}"); }
+    bool reset() { return post("/reset", "{}"); }
+    int held() { return isReady() ? get("/held").object()["held"].toInt() : -1; }
+    // The requests served so far, oldest first.
+    QJsonArray log() { return get("/log").array(); }
+
     QJsonObject ready;
 
 private:

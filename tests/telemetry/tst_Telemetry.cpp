@@ -1,9 +1,9 @@
-// The telemetry classes against loopback servers with a throwaway CA: TNetwork,
+// The telemetry classes against the services' stand-in process: TNetwork,
 // TEventTracker and AmplitudeApi (the collector over HTTP, the analytics
 // services over HTTPS), and TUpdateChecker: the check's request and the parse of
 // its answer, the streamed installer download, and the start of the installer
 // through a stand-in desktop.
-#include "TelemetryTestSupport.h"
+#include "../support/StandInProcess.h"
 
 #include "plugin/DeveloperMode.h"
 #include "telemetry/AmplitudeApi.h"
@@ -16,13 +16,7 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-using Request = httplib::Request;
-using Response = httplib::Response;
-const std::string installerBody(3 << 20, 'i');
 const char noVersions[] = R"({"app_update":{"app_update_status":"","app_update_versions":[]}})";
-const char oneVersion[] = R"({"app_update":{"app_update_status":"","app_update_versions":[{}]}})";
-// The profile's user id is itself JSON text.
-const char profile[] = "{\"userData\":{\"amp_props\":{\"gp:id\":\"\\\"abc\\\"\"}}}";
 } // namespace
 
 class TelemetryTest : public QObject
@@ -30,15 +24,9 @@ class TelemetryTest : public QObject
     Q_OBJECT
 
     QTemporaryDir dir;
-    testca::Files ca;
-    std::unique_ptr<LoopbackServer> service, collector, amplitude;
+    std::unique_ptr<StandInProcess> standIn;
     QJsonObject config;
-    std::string checkBody;
-    int checkStatus = 200;
-    bool holdFirstCheck = false;
-    std::atomic<int> checks = 0;
     QStringList names; // the checker's signals in the order they came
-    std::string identifyAnswer;
 
     QString path(const QString &name) const { return dir.filePath(name); }
     void record(TUpdateChecker &checker)
@@ -54,6 +42,15 @@ class TelemetryTest : public QObject
         static const QStringList last{u"checkFailed"_s, u"updateAvailable"_s, u"noUpdateAvailable"_s};
         return !names.isEmpty() && last.contains(names.last());
     }
+    // The stand-in's log of the given calls, oldest first.
+    QList<QJsonObject> requests(const QStringList &calls)
+    {
+        QList<QJsonObject> found;
+        for (const QJsonValue &entry : standIn->log())
+            if (calls.contains(entry["call"].toString()))
+                found << entry.toObject();
+        return found;
+    }
 
 public slots:
     void note() { names << QString::fromLatin1(sender()->metaObject()->method(senderSignalIndex()).name()); }
@@ -61,51 +58,15 @@ public slots:
 private slots:
     void initTestCase()
     {
-        ca = testca::makeThrowawayCa(dir.path().toStdString());
-        service = std::make_unique<LoopbackServer>(&ca);
-        collector = std::make_unique<LoopbackServer>();
-        amplitude = std::make_unique<LoopbackServer>(&ca);
-        collector->on("POST", "/v1/t", answer("{}"));
-        amplitude->on("GET", "/v1/vardata", [](const httplib::Request &request, httplib::Response &response) {
-            const bool fail = request.get_param_value("device_id") == "fail";
-            answer(fail ? "not json" : R"({"flag":{"key":"on"}})")(request, response);
-        });
-        amplitude->on("GET", "/v1/userprofile", [this](const httplib::Request &request, httplib::Response &response) {
-            const std::string device = request.get_param_value("device_id");
-            if (device == "trickle")
-                return response.set_chunked_content_provider("text/plain", [](size_t, httplib::DataSink &sink) {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-                    return sink.write(" ", 1);
-                });
-            if (device == "held")
-                amplitude->hold();
-            answer(profile)(request, response);
-        });
-        amplitude->on("POST", "/identify", [this](const httplib::Request &request, httplib::Response &response) {
-            if (request.get_param_value("api_key") == "nested")
-                amplitude->release();
-            answer(identifyAnswer, 200, "text/plain")(request, response);
-        });
-        service->on("GET", "/v2/app_state/unauthed", [this](const Request &request, Response &response) {
-            if (++checks == 1 && holdFirstCheck) {
-                service->hold();
-                return answer(oneVersion)(request, response);
-            }
-            service->release();
-            answer(checkBody, checkStatus)(request, response);
-        });
-        service->on("GET", R"(/files/(.+))", [this](const Request &request, Response &response) {
-            const std::string name = request.matches[1];
-            if (name == "cut.msi") // promises more than it sends
-                return response.set_content_provider(installerBody.size() * 2, "application/octet-stream",
-                                                     [](size_t offset, size_t, httplib::DataSink &sink) {
-                                                         return offset == 0
-                                                             && sink.write(installerBody.data(), installerBody.size());
-                                                     });
-            const std::string script = "#!/bin/sh\necho started > '" + path("started").toStdString() + "'\n";
-            const std::string &body = name.ends_with(".AppImage") ? script : installerBody;
-            answer(body, 200, "application/octet-stream")(request, response);
-        });
+        standIn = std::make_unique<StandInProcess>(QStringLiteral(KUTILS_TELEMETRY_STANDIN),
+                                                   QStringList{u"--dir"_s, dir.path(), u"--installer-mib"_s, u"3"_s});
+        QVERIFY(standIn->isReady());
+        QFile written(standIn->ready["config"].toString());
+        QVERIFY(written.open(QIODevice::ReadOnly));
+        config = QJsonDocument::fromJson(written.readAll()).object();
+        // The collector over plain HTTP, the rest over HTTPS.
+        config["eventCollectorUrl"] = standIn->ready["http"].toString() + u"/v1/track"_s;
+        config["transferTimeoutMs"] = 2500;
         QDir(dir.path()).mkpath(u"tmp"_s);
         QDir(dir.path()).mkpath(u"bin"_s);
         qputenv("TMPDIR", path(u"tmp"_s).toUtf8());
@@ -116,28 +77,12 @@ private slots:
         opener.close();
         opener.setPermissions(opener.permissions() | QFile::ExeOwner);
         qputenv("PATH", (path(u"bin"_s) + ':').toUtf8() + qgetenv("PATH"));
-        config = QJsonObject{{"appStateProduction", service->base()}, {"appStateStaging", service->base("localhost")},
-                             {"appStateApiKey", "state-key"},         {"emailMacSalt", "salt"},
-                             {"caBundle", qs(ca.caCert)},             {"transferTimeoutMs", 2500},
-                             {"eventCollectorUrl", collector->base() + "/v1/t"},
-                             {"segmentWriteKeyProduction", "cHJvZDo="},
-                             {"segmentWriteKeyDevelopment", "ZGV2Og=="},
-                             {"amplitudeVardataUrl", amplitude->base()},
-                             {"amplitudeProfileUrl", amplitude->base()},
-                             {"amplitudeIdentifyUrl", amplitude->base()},
-                             {"amplitudeProjectKey", "project+key"},
-                             {"amplitudeSecret", "secret"}};
         useConfiguration(dir.path(), config);
     }
 
     void cleanup()
     {
-        service->clear();
-        collector->clear();
-        amplitude->clear();
-        checks = 0;
-        holdFirstCheck = false;
-        checkStatus = 200;
+        QVERIFY(standIn->reset());
         names.clear();
         useConfiguration(dir.path(), config);
     }
@@ -155,7 +100,6 @@ private slots:
     {
         QFETCH(QString, email);
         QFETCH(bool, flipMode);
-        checkBody = "{}";
         TUpdateChecker checker;
         record(checker);
         const QDateTime expiry(QDate(2027, 3, 1), QTime(12, 0), Qt::UTC);
@@ -167,10 +111,11 @@ private slots:
         checker.checkForUpdates(true);
         qputenv("KVID_DEVELOPER_MODE", staging ? "1" : "0");
         QTRY_VERIFY(settled());
-        const Request request = service->requests().at(0);
-        QCOMPARE(qs(request.get_header_value("Host")).section(':', 0, 0),
+        const QJsonObject request = requests({u"check"_s}).at(0);
+        QCOMPARE(request["headers"]["Host"].toString().section(':', 0, 0),
                  staging != flipMode ? u"localhost"_s : u"127.0.0.1"_s);
-        QCOMPARE(qs(request.get_header_value("x-api-key")), staging ? u"staging-state-key"_s : u"state-key"_s);
+        const QString key = config["appStateApiKey"].toString();
+        QCOMPARE(request["headers"]["x-api-key"].toString(), staging ? u"staging-"_s + key : key);
         QVariantMap expected{
             {"app_cname", "VIDEO"}, {"app_version", QCoreApplication::applicationVersion()},
             {"app_build_type", "RELEASE"}, {"os_version", QSysInfo::productVersion()},
@@ -180,13 +125,11 @@ private slots:
         };
         if (email != u"noemail"_s) {
             expected.insert(u"user_email"_s, email);
-            const QByteArray mac = QMessageAuthenticationCode::hash(email.toUtf8(), "salt", QCryptographicHash::Sha256);
+            const QByteArray mac = QMessageAuthenticationCode::hash(email.toUtf8(), config["emailMacSalt"].toString().toUtf8(),
+                                                                    QCryptographicHash::Sha256);
             expected.insert(u"email_mac"_s, QString::fromLatin1(mac.toHex()));
         }
-        QVariantMap sent;
-        for (const auto &[key, value] : request.params)
-            sent.insert(qs(key), qs(value));
-        QCOMPARE(sent, expected);
+        QCOMPARE(request["params"].toObject().toVariantMap(), expected);
     }
 
     void answersAreParsedInOrder_data()
@@ -226,10 +169,10 @@ private slots:
         QFETCH(QString, failure);
         QFETCH(QStringList, versions);
         QFETCH(QStringList, signalNames);
-        checkBody = body.toStdString();
-        checkStatus = status;
+        const QJsonObject answer{{"call", "check"}, {"kind", "status"}, {"status", status}, {"body", QString::fromUtf8(body)}};
+        QVERIFY(standIn->fault(answer));
         if (!status)
-            useConfiguration(dir.path(), QJsonObject{{"caBundle", qs(ca.caCert)}});
+            useConfiguration(dir.path(), QJsonObject{{"caBundle", config["caBundle"]}});
         if (!failure.isEmpty())
             QTest::ignoreMessage(QtCriticalMsg, qPrintable(failure));
         TUpdateChecker checker;
@@ -239,7 +182,7 @@ private slots:
         QVERIFY(names.isEmpty()); // queued, also without a request
         QTRY_VERIFY(settled());
         QCOMPARE(names, signalNames);
-        QCOMPARE(int(service->requests().size()), status ? 1 : 0);
+        QCOMPARE(requests({u"check"_s}).size(), status ? 1 : 0);
         QStringList offered;
         for (const QVariantMap &version : checker.getUpdateVersions())
             offered << version.value(u"app_version"_s).toString();
@@ -252,14 +195,18 @@ private slots:
 
     void olderCheckAnswerIsIgnored()
     {
-        holdFirstCheck = true; // the first check is answered after the second
-        checkBody = noVersions;
+        // The first check, held, offers an update; the second offers none.
+        QVERIFY(standIn->fault(QJsonArray{QJsonObject{{"call", "check"}, {"kind", "hold"}, {"occurrence", 1}},
+                                          QJsonObject{{"call", "check"}, {"kind", "status"}, {"status", 200},
+                                                      {"body", noVersions}, {"occurrence", 2}}}));
         TUpdateChecker checker;
         record(checker);
         QSignalSpy replies(checker.findChild<TNetwork *>(), &TNetwork::replyRecieved);
         checker.checkForUpdates(true);
-        QTRY_COMPARE(checks.load(), 1);
+        QTRY_COMPARE(standIn->held(), 1);
         checker.checkForUpdates(false);
+        QTRY_COMPARE(replies.count(), 1);
+        QVERIFY(standIn->release());
         QTRY_COMPARE(replies.count(), 2);
         QCOMPARE(names, (QStringList{u"updateVersionsChanged"_s, u"noUpdateAvailable"_s}));
     }
@@ -271,14 +218,15 @@ private slots:
         QTest::addColumn<bool>("installed");
         QTest::addColumn<int>("signalCount");
         QTest::addColumn<QString>("marker"); // what running the installer leaves
-        const QString files = service->base() + u"/files/"_s;
+        QTest::addColumn<QString>("fault");
+        const QString files = standIn->ready["https"].toString() + u"/installers/"_s;
         QTest::newRow("complete, opens on the desktop") << files + u"setup%20v2.msi"_s << u"setup v2.msi"_s << true << 1
-                                                        << u"opened"_s;
+                                                        << u"opened"_s << QString();
         QTest::newRow("AppImage runs by itself") << files + u"setup.AppImage"_s << u"setup.AppImage"_s << true << 1
-                                                 << u"started"_s;
-        QTest::newRow("cut short") << files + u"cut.msi"_s << u"cut.msi"_s << false << 1 << QString();
-        QTest::newRow("no file name") << files << QString() << false << 0 << QString();
-        QTest::newRow("not http") << u"ftp://127.0.0.1/setup.msi"_s << QString() << false << 0 << QString();
+                                                 << u"tmp/setup.AppImage.started"_s << QString();
+        QTest::newRow("cut short") << files + u"cut.msi"_s << u"cut.msi"_s << false << 1 << QString() << u"dropMidBody"_s;
+        QTest::newRow("no file name") << files << QString() << false << 0 << QString() << QString();
+        QTest::newRow("not http") << u"ftp://127.0.0.1/setup.msi"_s << QString() << false << 0 << QString() << QString();
     }
 
     void startUpdate()
@@ -288,6 +236,9 @@ private slots:
         QFETCH(bool, installed);
         QFETCH(int, signalCount);
         QFETCH(QString, marker);
+        QFETCH(QString, fault);
+        if (!fault.isEmpty())
+            QVERIFY(standIn->fault(QJsonObject{{"call", "installer"}, {"kind", fault}}));
         // An older installer of that name must go either way.
         const QString installer = path(u"tmp/"_s + fileName);
         QFile old(installer);
@@ -299,7 +250,7 @@ private slots:
         checker.startUpdate({{u"inapp_installer_url"_s, url}});
         if (signalCount)
             QTRY_COMPARE(names.size(), signalCount);
-        QCOMPARE(int(service->requests().size()), signalCount);
+        QCOMPARE(requests({u"installer"_s}).size(), signalCount);
         QCOMPARE(names, QStringList(signalCount, u"updateDownloadFinished"_s));
         if (!signalCount)
             return;
@@ -309,7 +260,7 @@ private slots:
         if (marker.isEmpty())
             return;
         if (marker == u"opened"_s) { // the service's 3 MiB installer
-            QCOMPARE(QFileInfo(installer).size(), qint64(installerBody.size()));
+            QCOMPARE(QFileInfo(installer).size(), qint64(3 << 20));
             QCOMPARE(progress.last(), (QList<QVariant>{3, 3}));
         }
         QFile::remove(path(marker));
@@ -328,7 +279,7 @@ private slots:
         record(checker);
         QSignalSpy replies(checker.findChild<TNetwork *>(), &TNetwork::replyRecieved);
         QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(u"^Cannot open file to write:  .*blocked.msi.part$"_s));
-        checker.startUpdate({{u"inapp_installer_url"_s, service->base() + u"/files/blocked.msi"_s}});
+        checker.startUpdate({{u"inapp_installer_url"_s, standIn->ready["https"].toString() + u"/installers/blocked.msi"_s}});
         QTRY_COMPARE(replies.count(), 1);
         QVERIFY(names.isEmpty());
     }
@@ -370,18 +321,18 @@ private slots:
         if (!sent) {
             QVERIFY(id.isEmpty());
             QCoreApplication::processEvents();
-            QVERIFY(collector->requests().empty());
+            QVERIFY(requests({u"event"_s}).isEmpty());
             return;
         }
         QVERIFY(finished.wait());
         QCOMPARE(finished.first().first().toString(), id);
         if (withoutKey == u"eventCollectorUrl"_s)
             return;
-        const httplib::Request request = collector->requests().at(0);
+        const QJsonObject request = requests({u"event"_s}).at(0);
         // The production credential, in developer mode too.
-        QCOMPARE(qs(request.get_header_value("Authorization")), u"Basic cHJvZDo="_s);
-        QCOMPARE(qs(request.get_header_value("Content-Type")), u"application/json"_s);
-        const QJsonObject event = QJsonDocument::fromJson(QByteArray::fromStdString(request.body)).object();
+        QCOMPARE(request["headers"]["Authorization"].toString(), u"Basic "_s + config["segmentWriteKeyProduction"].toString());
+        QCOMPARE(request["headers"]["Content-Type"].toString(), u"application/json"_s);
+        const QJsonObject event = QJsonDocument::fromJson(request["body"].toString().toUtf8()).object();
         QCOMPARE(event.value("anonymousId").toString(), u"anon-1"_s);
         QCOMPARE(event.value("event").toString(), identifier);
         QCOMPARE(event.value("properties").toObject().toVariantMap(), params);
@@ -394,8 +345,8 @@ private slots:
     {
         TNetwork first, second;
         QSignalSpy firstSpy(&first, &TNetwork::replyRecieved), secondSpy(&second, &TNetwork::replyRecieved);
-        const QString firstId = first.get(QUrl(amplitude->base() + "/v1/vardata"), {}, {});
-        const QString secondId = second.post(QUrl(collector->base() + "/v1/t"), u"{}"_s, {}, true);
+        const QString firstId = first.get(QUrl(config["amplitudeVardataUrl"].toString() + u"/v1/vardata"_s), {}, {});
+        const QString secondId = second.post(QUrl(config["eventCollectorUrl"].toString()), u"{}"_s, {}, true);
         QTRY_VERIFY(firstSpy.count() == 1 && secondSpy.count() == 1);
         QCOMPARE(firstSpy.first().first().toString(), firstId);
         QCOMPARE(secondSpy.first().first().toString(), secondId);
@@ -409,11 +360,12 @@ private slots:
         TEventTracker tracker;
         QSignalSpy changed(&tracker, &TEventTracker::featuresChanged);
         QMetaObject::invokeMethod(&tracker, "getFeatures", Q_ARG(QString, u"machine+1"_s));
-        QCOMPARE(tracker.property("features").toMap().value(u"flag"_s).toMap().value(u"key"_s), u"on"_s);
-        const httplib::Request request = amplitude->requests().at(0);
-        QCOMPARE(qs(request.get_param_value("device_id")), u"machine+1"_s);
-        QCOMPARE(qs(request.get_header_value("Authorization")), u"Api-Key project+key"_s);
-        emit tracker.getFeatures(u"fail"_s); // a failed fetch clears the flags
+        QCOMPARE(tracker.property("features").toMap().value(u"new-export-panel"_s).toMap().value(u"key"_s), u"on"_s);
+        const QJsonObject request = requests({u"flags"_s}).at(0);
+        QCOMPARE(request["params"]["device_id"].toString(), u"machine+1"_s);
+        QCOMPARE(request["headers"]["Authorization"].toString(), u"Api-Key "_s + config["amplitudeProjectKey"].toString());
+        QVERIFY(standIn->fault(QJsonObject{{"call", "flags"}, {"kind", "malformed"}}));
+        emit tracker.getFeatures(u"machine+1"_s); // a failed fetch clears the flags
         QVERIFY(tracker.property("features").toMap().isEmpty());
         QCOMPARE(changed.count(), 2);
     }
@@ -440,44 +392,52 @@ private slots:
         QFETCH(QString, identifyAnswer);
         QFETCH(bool, expected);
         QFETCH(int, requests);
-        this->identifyAnswer = identifyAnswer.toStdString();
+        const QJsonObject answer{{"call", "identify"}, {"kind", "status"}, {"status", 200}, {"body", identifyAnswer}};
+        QVERIFY(standIn->fault(answer));
         QCOMPARE(AmplitudeApi().repairUserIdentity(machineId, email, uniqueId), expected);
-        const auto sent = amplitude->requests();
-        QCOMPARE(int(sent.size()), requests);
+        const auto sent = this->requests({u"profile"_s, u"identify"_s});
+        QCOMPARE(sent.size(), requests);
         if (!requests)
             return;
-        QCOMPARE(qs(sent[0].get_param_value("get_amp_props")), u"true"_s);
+        const QString projectKey = config["amplitudeProjectKey"].toString();
+        QCOMPARE(sent[0]["params"]["get_amp_props"].toString(), u"true"_s);
         // In developer mode the project key stands in for the secret.
-        QCOMPARE(qs(sent[0].get_header_value("Authorization")),
-                 kutils::isDeveloperMode() ? u"Api-Key project+key"_s : u"Api-Key secret"_s);
-        QCOMPARE(qs(sent[1].get_header_value("Content-Type")), u"application/x-www-form-urlencoded"_s);
-        QCOMPARE(qs(sent[1].get_param_value("api_key")), u"project+key"_s);
-        const QByteArray identification = QByteArray::fromStdString(sent[1].get_param_value("identification"));
+        QCOMPARE(sent[0]["headers"]["Authorization"].toString(),
+                 u"Api-Key "_s + (kutils::isDeveloperMode() ? projectKey : config["amplitudeSecret"].toString()));
+        QCOMPARE(sent[1]["headers"]["Content-Type"].toString(), u"application/x-www-form-urlencoded"_s);
+        QCOMPARE(sent[1]["params"]["api_key"].toString(), projectKey);
+        const QByteArray identification = sent[1]["params"]["identification"].toString().toUtf8();
         QCOMPARE(QJsonDocument::fromJson(identification).object(),
-                 (QJsonObject{{"user_id", "abc"}, {"device_id", uniqueId}}));
+                 (QJsonObject{{"user_id", "user-42"}, {"device_id", uniqueId}}));
     }
 
-    void tricklingServerEndsWithinTheBound() { QCOMPARE(AmplitudeApi().getUserProfile(u"trickle"_s), QVariantMap()); }
+    void tricklingServerEndsWithinTheBound()
+    {
+        QVERIFY(standIn->fault(QJsonObject{{"call", "profile"}, {"kind", "trickle"}}));
+        QCOMPARE(AmplitudeApi().getUserProfile(u"device"_s), QVariantMap());
+    }
 
     void nestedCallsBothComplete()
     {
-        QJsonObject nested = config;
-        nested["amplitudeProjectKey"] = "nested";
-        useConfiguration(dir.path(), nested);
-        identifyAnswer = "success";
+        QVERIFY(standIn->fault(QJsonObject{{"call", "profile"}, {"kind", "hold"}}));
         AmplitudeApi api;
         bool inner = false;
-        // The outer answer is held until the inner call has reached the server.
-        QTimer::singleShot(0, &api, [&] { inner = api.identify(u"user"_s, u"device"_s); });
-        QVERIFY(!api.getUserProfile(u"held"_s).isEmpty());
+        // The outer answer is held until the inner call has been answered.
+        QTimer::singleShot(0, &api, [&] {
+            QTRY_COMPARE(standIn->held(), 1);
+            inner = api.identify(u"user"_s, u"device"_s);
+            QVERIFY(standIn->release());
+        });
+        QVERIFY(!api.getUserProfile(u"device"_s).isEmpty());
         QVERIFY(inner);
     }
 
     void destroyedWhileWaitingReturnsFailure()
     {
+        QVERIFY(standIn->fault(QJsonObject{{"call", "profile"}, {"kind", "hold"}}));
         auto *api = new AmplitudeApi;
         QTimer::singleShot(0, [api] { delete api; });
-        QCOMPARE(api->getUserProfile(u"held"_s), QVariantMap());
+        QCOMPARE(api->getUserProfile(u"device"_s), QVariantMap());
     }
 };
 

@@ -286,7 +286,7 @@ private slots:
 
     // Without an input every lookup lands on the shared empty timeline, which
     // must survive being asked; with one, previews go to their set's timeline.
-    void previewsGoToTheTimelineOfTheirSet()
+    void previewsComeAndGoByTheirSet()
     {
         LogCapture capture;
         VideoCoorelationManager manager;
@@ -305,7 +305,8 @@ private slots:
         const auto a = makeTestPreview(QStringLiteral("A"), 2000, 3000);
         manager.addPreview(4, a);
         manager.addPreview(4, 1, a);
-        manager.addPreview(5, 1, makeTestPreview(QStringLiteral("B"), 5000, 6000));
+        const auto b = makeTestPreview(QStringLiteral("B"), 5000, 6000);
+        manager.addPreview(5, 1, b);
         QCOMPARE(capture.count(QStringLiteral("addPreview: Attempted to add same preview twice. Aborting."),
                                ConsoleLogger::Warn),
                  1);
@@ -313,23 +314,14 @@ private slots:
         QCOMPARE(describe(manager.getTimeline(1, 5)), QStringLiteral("I(0,4999) B(5000,6000) I(6001,10000)"));
         QCOMPARE(manager.previews.size(), std::size_t(2));
         QCOMPARE(manager.previewSets.at(1).at(4).size(), std::size_t(1));
-    }
 
-    void deletingPreviewsByIdAndByPlaceAndTheirInput()
-    {
-        VideoCoorelationManager manager;
+        // They leave by id, by input and set, and not with their input.
         auto other = makeTestInput();
         other->uid = 2;
-        manager.addInput(makeTestInput());
         manager.addInput(other);
         manager.switchInput(3);
         QCOMPARE(manager.currentInput, other);
         manager.switchInput(1);
-        const auto a = makeTestPreview(QStringLiteral("A"), 2000, 3000);
-        const auto b = makeTestPreview(QStringLiteral("B"), 5000, 6000);
-        manager.addPreview(4, a);
-        manager.addPreview(5, b);
-
         manager.deletePreview(a->uid);
         manager.deletePreview(a->uid);
         QCOMPARE(describe(manager.getTimeline(4)), QStringLiteral("I(0,10000)"));

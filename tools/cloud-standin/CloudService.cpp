@@ -34,27 +34,6 @@ void answer(httplib::Response &res, int status, const json &body)
     res.set_content(body.dump(), kJson);
 }
 
-// httplib gives a handler no access to its socket; the connection is the one
-// whose peer port is the request's remote port.
-void dropConnection(int remotePort)
-{
-    DIR *fds = opendir("/proc/self/fd");
-    if (!fds)
-        return;
-    while (const dirent *entry = readdir(fds)) {
-        const int fd = std::atoi(entry->d_name);
-        struct stat info {};
-        if (fd <= 2 || fstat(fd, &info) != 0 || !S_ISSOCK(info.st_mode))
-            continue;
-        sockaddr_storage peer {};
-        socklen_t length = sizeof peer;
-        if (getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &length) != 0 || peer.ss_family != AF_INET)
-            continue;
-        if (ntohs(reinterpret_cast<sockaddr_in *>(&peer)->sin_port) == remotePort)
-            shutdown(fd, SHUT_RDWR);
-    }
-    closedir(fds);
-}
 
 std::string md5Hex(EVP_MD_CTX *ctx)
 {
@@ -116,6 +95,7 @@ CloudService::CloudService(ServiceOptions options)
 CloudService::~CloudService()
 {
     m_faults.stop();
+    m_proxy.reset();
     for (httplib::Server *server : {static_cast<httplib::Server *>(m_video.get()), static_cast<httplib::Server *>(m_videoStaging.get()),
                                     static_cast<httplib::Server *>(m_account.get()), static_cast<httplib::Server *>(m_accountStaging.get()),
                                     static_cast<httplib::Server *>(m_storage.get()), static_cast<httplib::Server *>(m_files.get()),
@@ -182,6 +162,11 @@ json CloudService::start()
     listen(m_control, "control", "http");
     if (m_files)
         listen(*m_files, "files", "https");
+    if (m_options.proxyPort >= 0) {
+        m_proxy = std::make_unique<ConnectProxy>(
+            [this](const std::string &target, const std::string &authorization) { return connectAnswer(target, authorization); });
+        ready["proxy"] = "127.0.0.1:" + std::to_string(m_proxy->start(m_options.proxyPort));
+    }
     return ready;
 }
 
@@ -230,12 +215,8 @@ void CloudService::serve(const std::string &server, const std::string &call, con
         m_log.push_back(entry);
     }
 
-    const std::optional<Fault> fault = m_faults.next(call, job ? job->id : std::string());
+    const std::optional<Fault> fault = m_faults.arrive(call, job ? job->id : std::string());
     const std::string kind = fault ? fault->kind : std::string();
-    if (kind == "delay")
-        std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMs));
-    if (kind == "hold")
-        m_faults.hold();
     if (kind == "status") {
         res.status = fault->status;
         // httplib would cut any body to the requested range, and answer 416 for
@@ -573,6 +554,26 @@ void CloudService::routeFiles(httplib::Server &server)
             streamFile(res, path.string(), "application/octet-stream");
         });
     });
+}
+
+std::optional<std::string> CloudService::connectAnswer(const std::string &target, const std::string &authorization)
+{
+    json entry = {{"server", "proxy"}, {"call", "connect"}, {"method", "CONNECT"}, {"path", target}, {"job", ""}};
+    entry["headers"] = authorization.empty() ? json::object() : json{{"Proxy-Authorization", authorization}};
+    {
+        std::lock_guard lock(m_mutex);
+        entry["seq"] = m_log.size();
+        m_log.push_back(entry);
+    }
+    const std::optional<Fault> fault = m_faults.arrive("connect", {});
+    const std::string kind = fault ? fault->kind : std::string();
+    if (kind == "drop")
+        return std::string();
+    // A proxy's refusal is its whole answer: the body, when given, is written as it is.
+    if (kind == "status")
+        return fault->body.empty() ? "HTTP/1.1 " + std::to_string(fault->status) + " Refused\r\nConnection: close\r\n\r\n"
+                                   : fault->body;
+    return std::nullopt;
 }
 
 void CloudService::routeControl(httplib::Server &server)

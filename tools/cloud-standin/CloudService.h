@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ConnectProxy.h"
 #include "FaultTable.h"
 
 #include <httplib.h>
@@ -25,13 +26,14 @@ struct ServiceOptions
     std::string apiKeyStaging = "standin-key-staging";
     int pollsBeforeComplete = 2;  // status answers that still say "processing"
     std::string filesDir;         // served read-only by the model host; empty: no model host
+    int proxyPort = -1;           // the CONNECT proxy's port, 0: any; below 0: no proxy
 };
 
 // The rendering service on loopback: video API and account API (each with a
 // staging listener), storage, and a plain-HTTP control listener that arms
 // faults, releases held calls, and serves the request log. With a files folder
 // it is also the model host: GET and HEAD of the files in it, ranges included
-// (call "file").
+// (call "file"). It can also be the client's CONNECT proxy (call "connect").
 class CloudService
 {
 public:
@@ -64,6 +66,7 @@ private:
     void routeStorage(httplib::Server &server);
     void routeControl(httplib::Server &server);
     void routeFiles(httplib::Server &server);
+    std::optional<std::string> connectAnswer(const std::string &target, const std::string &authorization);
 
     // Logs the call, applies its fault, and runs the route unless the fault answers.
     void serve(const std::string &server, const std::string &call, const httplib::Request &req,
@@ -81,6 +84,7 @@ private:
     std::vector<std::thread> m_listeners;
     std::vector<std::thread> m_renders;
     int m_storagePort = 0;
+    std::unique_ptr<ConnectProxy> m_proxy;
 
     std::mutex m_mutex;  // jobs, log, account
     std::map<std::string, JobPtr> m_jobs;

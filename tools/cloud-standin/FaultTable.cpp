@@ -1,5 +1,15 @@
 #include "FaultTable.h"
 
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
 void FaultTable::add(const nlohmann::json &spec)
 {
     Fault fault;
@@ -40,6 +50,16 @@ std::optional<Fault> FaultTable::next(const std::string &call, const std::string
     return std::nullopt;
 }
 
+std::optional<Fault> FaultTable::arrive(const std::string &call, const std::string &job)
+{
+    const std::optional<Fault> fault = next(call, job);
+    if (fault && fault->kind == "delay")
+        std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMs));
+    if (fault && fault->kind == "hold")
+        hold();
+    return fault;
+}
+
 void FaultTable::hold()
 {
     std::unique_lock lock(m_mutex);
@@ -67,4 +87,26 @@ int FaultTable::heldCount() const
 {
     std::lock_guard lock(m_mutex);
     return m_held;
+}
+
+// httplib gives a handler no access to its socket; the connection is the one
+// whose peer port is the request's remote port.
+void dropConnection(int remotePort)
+{
+    DIR *fds = opendir("/proc/self/fd");
+    if (!fds)
+        return;
+    while (const dirent *entry = readdir(fds)) {
+        const int fd = std::atoi(entry->d_name);
+        struct stat info {};
+        if (fd <= 2 || fstat(fd, &info) != 0 || !S_ISSOCK(info.st_mode))
+            continue;
+        sockaddr_storage peer {};
+        socklen_t length = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &length) != 0 || peer.ss_family != AF_INET)
+            continue;
+        if (ntohs(reinterpret_cast<sockaddr_in *>(&peer)->sin_port) == remotePort)
+            shutdown(fd, SHUT_RDWR);
+    }
+    closedir(fds);
 }

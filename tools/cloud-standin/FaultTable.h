@@ -30,6 +30,8 @@ public:
 
     // Counts this call and returns the fault armed for it, if any.
     std::optional<Fault> next(const std::string &call, const std::string &job);
+    // The same, after waiting out a "delay" or "hold" fault.
+    std::optional<Fault> arrive(const std::string &call, const std::string &job);
 
     // Blocks until release() or reset(); returns at once when stopping.
     void hold();
@@ -46,3 +48,7 @@ private:
     int m_held = 0;
     bool m_stopping = false;
 };
+
+// Ends the connection a request came in on, from inside its handler: the
+// client sees it drop without an answer.
+void dropConnection(int remotePort);

@@ -4,10 +4,11 @@
 //
 //   cloud-standin --dir DIR [--chunk-size BYTES] [--render FILTER | --result FILE]
 //                 [--polls N] [--files DIR [--model-password TEXT]]
-//                 [--config-out FILE [--config-base FILE]]
+//                 [--config-out FILE [--config-base FILE]] [--proxy PORT]
 //
 // --files DIR also starts the model host, serving the files of DIR; the
 // configuration then names it, with the password of its model files.
+// --proxy PORT also starts a CONNECT proxy to loopback ports (0: any free port).
 // --config-out writes the client's configuration file (endpoints, keys and
 // caBundle, over the keys of --config-base) for KUTILS_CONFIG_FILE.
 #include "CloudService.h"
@@ -40,6 +41,8 @@ int main(int argc, char **argv)
             options.filesDir = value;
         else if (flag == "--model-password")
             modelPassword = value;
+        else if (flag == "--proxy")
+            options.proxyPort = std::max(0, std::stoi(value));
         else if (flag == "--polls")
             options.pollsBeforeComplete = std::stoi(value);
         else {

@@ -1,12 +1,14 @@
 // The usage-event collector, the analytics services and the update service on
 // loopback, for the demo and for trying the telemetry types by hand. Writes
 // DIR/config.json (the keys of --base, if given, and its own), prints one JSON
-// line with that path once it listens, then one line per request, and runs
-// until its standard input closes.
+// line with that path ("config") and its listeners ("https", "http",
+// "control") once it listens, then one line per request, and runs until its
+// standard input closes.
 //
 //   telemetry-standin --dir DIR [--base CONFIG.json] [--installer-mib N]
 #include "TelemetryService.h"
 
+#include <csignal>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -32,6 +34,8 @@ int main(int argc, char **argv)
         std::cerr << "telemetry-standin: --dir is required\n";
         return 2;
     }
+    // A client that drops a connection mid-answer must not end the service.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
         nlohmann::json config = nlohmann::json::object();
         if (!baseConfig.empty())
@@ -40,7 +44,9 @@ int main(int argc, char **argv)
         config.update(service.start());
         const std::string path = dir + "/config.json";
         std::ofstream(path) << config.dump(1);
-        std::cout << nlohmann::json{{"config", path}}.dump() << std::endl;
+        nlohmann::json ready = service.addresses();
+        ready["config"] = path;
+        std::cout << ready.dump() << std::endl;
         std::string line;
         while (std::getline(std::cin, line)) {
         }
