@@ -25,11 +25,12 @@ QString errorText(int code)
     return QString::fromUtf8(text);
 }
 
-// Sends `frame` (null to flush) and writes every packet the encoder gives;
-// the encoder is intra-only, so the packet out is the picture in and lasts
-// `duration` ms: the file's length then ends with its last picture's.
+// Sends `frame` (null to flush) and writes every packet the encoder gives,
+// counting the key packets in `keys`; the encoder makes key pictures only,
+// so the packet out is the picture in and lasts `duration` ms: the file's
+// length then ends with its last picture's.
 int encode(AVCodecContext *encoder, const AVFrame *frame, AVFormatContext *output, AVStream *stream,
-           AVPacket *packet, int64_t duration)
+           AVPacket *packet, int64_t duration, int *keys)
 {
     int r = avcodec_send_frame(encoder, frame);
     if (r < 0)
@@ -47,6 +48,8 @@ int encode(AVCodecContext *encoder, const AVFrame *frame, AVFormatContext *outpu
         r = av_interleaved_write_frame(output, packet);
         if (r < 0)
             return r;
+        if (packet->flags & AV_PKT_FLAG_KEY)
+            ++*keys;
     }
 }
 
@@ -117,10 +120,62 @@ void DiskCacheWriter::onClearcachedRangeReqAndHistory(int viewID)
         m_cachedRanges->clear();
 }
 
-int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
-                           const PreviewChunk &chunk, QString *error) const
+bool DiskCacheWriter::OpenEncoder::fits(const AVFrame &frame) const
+{
+    return context->width == frame.width && context->height == frame.height
+        && av_cmp_q(context->sample_aspect_ratio, frame.sample_aspect_ratio) == 0 && source == frame.format;
+}
+
+int DiskCacheWriter::openEncoder(const AVFrame &first, bool globalHeader, QString *error)
 {
     const auto fail = [error](const QString &why, int code) {
+        *error = QStringLiteral("%1: %2").arg(why, errorText(code));
+        return code;
+    };
+    m_open.reset();
+    const AVCodec *codec = avcodec_find_encoder_by_name(m_encoder.toUtf8().constData());
+    if (!codec || codec->type != AVMEDIA_TYPE_VIDEO)
+        return fail(QStringLiteral("no video encoder \"%1\"").arg(m_encoder), AVERROR_ENCODER_NOT_FOUND);
+    auto open = std::make_unique<OpenEncoder>();
+    open->context.reset(avcodec_alloc_context3(codec));
+    AVCodecContext *encoder = open->context.get();
+    if (!encoder)
+        return fail(QStringLiteral("no encoder context"), AVERROR(ENOMEM));
+
+    const auto sourceFormat = static_cast<AVPixelFormat>(first.format);
+    open->source = sourceFormat;
+    encoder->width = first.width;
+    encoder->height = first.height;
+    encoder->pix_fmt = codec->pix_fmts ? avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, sourceFormat, 0, nullptr)
+                                       : sourceFormat;
+    // Pictures carry their time in ms; each file states its own rate.
+    encoder->time_base = AVRational{1, 1000};
+    encoder->sample_aspect_ratio = first.sample_aspect_ratio;
+    encoder->gop_size = 1;
+    if (globalHeader)
+        encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    // Slices let the encoder use every core; a lossless 1080p picture is
+    // otherwise slower to write than to decode and filter.
+    encoder->thread_count = 0;
+    AVDictionary *encoderOptions = nullptr;
+    if (m_encoder == QLatin1String("ffv1")) {
+        av_dict_set(&encoderOptions, "level", "3", 0);
+        av_dict_set(&encoderOptions, "slices", "4", 0);
+    }
+    const int r = avcodec_open2(encoder, codec, &encoderOptions);
+    av_dict_free(&encoderOptions);
+    if (r < 0)
+        return fail(QStringLiteral("encoder \"%1\" does not open").arg(m_encoder), r);
+    m_open = std::move(open);
+    return 0;
+}
+
+int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
+                           const PreviewChunk &chunk, QString *error)
+{
+    const auto fail = [this, error](const QString &why, int code) {
+        // An encoder that failed halfway may hold pictures of this file.
+        m_open.reset();
         *error = QStringLiteral("%1: %2").arg(why, errorText(code));
         return code;
     };
@@ -133,44 +188,20 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
     if (r < 0 || !output)
         return fail(QStringLiteral("no muxer for %1").arg(file), r < 0 ? r : AVERROR_MUXER_NOT_FOUND);
 
-    const AVCodec *codec = avcodec_find_encoder_by_name(m_encoder.toUtf8().constData());
-    if (!codec || codec->type != AVMEDIA_TYPE_VIDEO)
-        return fail(QStringLiteral("no video encoder \"%1\"").arg(m_encoder), AVERROR_ENCODER_NOT_FOUND);
-    ff::CodecPtr encoder(avcodec_alloc_context3(codec));
-    if (!encoder)
-        return fail(QStringLiteral("no encoder context"), AVERROR(ENOMEM));
+    if (!m_open || !m_open->fits(*first)) {
+        r = openEncoder(*first, output->oformat->flags & AVFMT_GLOBALHEADER, error);
+        if (r < 0)
+            return r;
+    }
+    AVCodecContext *encoder = m_open->context.get();
 
-    const auto sourceFormat = static_cast<AVPixelFormat>(first->format);
-    // Pictures carry their time in ms; the rate is only what players read.
+    // Players read the rate; a slowed chain makes a slower one.
     const AVRational rate = av_d2q((fps > 0 ? fps : 30.0) / (chunk.slowMoFactor > 0 ? chunk.slowMoFactor : 1.0),
                                    1001000);
-    encoder->width = first->width;
-    encoder->height = first->height;
-    encoder->pix_fmt = codec->pix_fmts ? avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, sourceFormat, 0, nullptr)
-                                       : sourceFormat;
-    encoder->time_base = AVRational{1, 1000};
-    encoder->framerate = rate;
-    encoder->sample_aspect_ratio = first->sample_aspect_ratio;
-    encoder->gop_size = 1;
-    if (output->oformat->flags & AVFMT_GLOBALHEADER)
-        encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    // Slices let the encoder use every core; a lossless 1080p picture is
-    // otherwise slower to write than to decode and filter.
-    encoder->thread_count = 0;
-    AVDictionary *encoderOptions = nullptr;
-    if (m_encoder == QLatin1String("ffv1")) {
-        av_dict_set(&encoderOptions, "level", "3", 0);
-        av_dict_set(&encoderOptions, "slices", "4", 0);
-    }
-    r = avcodec_open2(encoder.get(), codec, &encoderOptions);
-    av_dict_free(&encoderOptions);
-    if (r < 0)
-        return fail(QStringLiteral("encoder \"%1\" does not open").arg(m_encoder), r);
-
     AVStream *stream = avformat_new_stream(output.get(), nullptr);
     if (!stream)
         return fail(QStringLiteral("no stream"), AVERROR(ENOMEM));
-    r = avcodec_parameters_from_context(stream->codecpar, encoder.get());
+    r = avcodec_parameters_from_context(stream->codecpar, encoder);
     if (r < 0)
         return fail(QStringLiteral("encoder parameters"), r);
     stream->time_base = encoder->time_base;
@@ -186,16 +217,8 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
         return fail(QStringLiteral("cannot write the header of %1").arg(file), r);
 
     ff::PacketPtr packet = ff::makePacket();
-    ff::FramePtr converted = ff::makeFrame();
-    converted->width = encoder->width;
-    converted->height = encoder->height;
-    converted->format = encoder->pix_fmt;
-    r = av_frame_get_buffer(converted.get(), 0);
-    if (r < 0)
-        return fail(QStringLiteral("no picture buffer"), r);
-
-    ff::SwsPtr sws;
     int64_t index = 0;
+    int keys = 0;
     const auto durationOf = [&](size_t i) {
         const int64_t end = i + 1 < frames.size() ? frames[i + 1]->pts : chunk.durationMs;
         return std::max<int64_t>(1, end - frames[i]->pts);
@@ -211,32 +234,61 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
                 return fail(QStringLiteral("picture %1").arg(index), AVERROR(ENOMEM));
             picture = shared.get();
         } else {
-            // Every other picture goes to the first one's size and the encoder's format.
-            sws.reset(sws_getCachedContext(sws.release(), frame->width, frame->height,
-                                           static_cast<AVPixelFormat>(frame->format), encoder->width,
-                                           encoder->height, encoder->pix_fmt,
-                                           SWS_BICUBIC | SWS_ACCURATE_RND | SWS_BITEXACT, nullptr, nullptr, nullptr));
-            if (!sws)
-                return fail(QStringLiteral("no conversion for picture %1").arg(index), AVERROR(EINVAL));
-            r = av_frame_make_writable(converted.get());
-            if (r < 0)
-                return fail(QStringLiteral("picture buffer"), r);
-            sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, converted->data,
-                      converted->linesize);
-            converted->pts = frame->pts;
-            picture = converted.get();
+            picture = m_open->convert(*frame, &r);
+            if (!picture)
+                return fail(QStringLiteral("no conversion for picture %1").arg(index), r);
         }
-        r = encode(encoder.get(), picture, output.get(), stream, packet.get(), durationOf(index++));
+        r = encode(encoder, picture, output.get(), stream, packet.get(), durationOf(index++), &keys);
         if (r < 0)
             return fail(QStringLiteral("encoding picture %1").arg(index - 1), r);
     }
-    r = encode(encoder.get(), nullptr, output.get(), stream, packet.get(), 0);
-    if (r < 0)
-        return fail(QStringLiteral("flushing the encoder"), r);
+    // An encoder that gave a key packet for every picture holds nothing of
+    // this file and serves the next one: opening one per file is costly, as
+    // ffv1 starts its slice threads and takes a worst-case packet buffer
+    // (hundreds of MB at 1080p) each time, faulted in page by page. Any other
+    // is flushed into this file, after which it takes no more pictures.
+    if (keys < int(frames.size())) {
+        r = encode(encoder, nullptr, output.get(), stream, packet.get(), 0, &keys);
+        m_open.reset();
+        if (r < 0)
+            return fail(QStringLiteral("flushing the encoder"), r);
+    }
     r = av_write_trailer(output.get());
     if (r < 0)
         return fail(QStringLiteral("cannot finish %1").arg(file), r);
     return 0;
+}
+
+const AVFrame *DiskCacheWriter::OpenEncoder::convert(const AVFrame &frame, int *error)
+{
+    *error = AVERROR(EINVAL);
+    if (!converted) {
+        converted = ff::makeFrame();
+        if (!converted) {
+            *error = AVERROR(ENOMEM);
+            return nullptr;
+        }
+        converted->width = context->width;
+        converted->height = context->height;
+        converted->format = context->pix_fmt;
+        *error = av_frame_get_buffer(converted.get(), 0);
+        if (*error < 0) {
+            converted.reset();
+            return nullptr;
+        }
+    }
+    // Every other picture goes to the first one's size and the encoder's format.
+    sws.reset(sws_getCachedContext(sws.release(), frame.width, frame.height, static_cast<AVPixelFormat>(frame.format),
+                                   context->width, context->height, context->pix_fmt,
+                                   SWS_BICUBIC | SWS_ACCURATE_RND | SWS_BITEXACT, nullptr, nullptr, nullptr));
+    if (!sws)
+        return nullptr;
+    *error = av_frame_make_writable(converted.get());
+    if (*error < 0)
+        return nullptr;
+    sws_scale(sws.get(), frame.data, frame.linesize, 0, frame.height, converted->data, converted->linesize);
+    converted->pts = frame.pts;
+    return converted.get();
 }
 
 } // namespace videoio

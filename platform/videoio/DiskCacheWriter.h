@@ -1,5 +1,6 @@
 #pragma once
 
+#include "videoio/FFHandles.h"
 #include "videoio/InstantReader.h"
 
 #include <QObject>
@@ -7,6 +8,7 @@
 #include <QString>
 #include <QVariantMap>
 
+#include <memory>
 #include <vector>
 
 namespace videoio {
@@ -54,9 +56,23 @@ signals:
     void cacheError(QString path, QString message, int ret);
 
 private:
+    // The encoder of the last file, kept for the next one of the same pictures.
+    struct OpenEncoder
+    {
+        ff::CodecPtr context;
+        int source = -1;  // the pixel format it was opened for
+        ff::FramePtr converted;
+        ff::SwsPtr sws;
+
+        bool fits(const AVFrame &frame) const;
+        // `frame` in the encoder's size and format; null and `error` on failure.
+        const AVFrame *convert(const AVFrame &frame, int *error);
+    };
+
     // Encodes `frames` into `file`; an FFmpeg error code and `error` on failure.
     int write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
-              const PreviewChunk &chunk, QString *error) const;
+              const PreviewChunk &chunk, QString *error);
+    int openEncoder(const AVFrame &first, bool globalHeader, QString *error);
 
     const int m_viewID;
     const QString m_encoder;
@@ -71,6 +87,7 @@ private:
     };
     std::vector<Written> m_written;
     int m_fileCount = 0;
+    std::unique_ptr<OpenEncoder> m_open;
 };
 
 } // namespace videoio
