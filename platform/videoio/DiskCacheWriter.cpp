@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QLoggingCategory>
+#include <QTimer>
 
 extern "C" {
 #include <libavutil/error.h>
@@ -45,11 +46,12 @@ int encode(AVCodecContext *encoder, const AVFrame *frame, AVFormatContext *outpu
             packet->duration = duration;
         av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
         packet->stream_index = stream->index;
+        // Writing takes the packet and blanks it.
+        if (packet->flags & AV_PKT_FLAG_KEY)
+            ++*keys;
         r = av_interleaved_write_frame(output, packet);
         if (r < 0)
             return r;
-        if (packet->flags & AV_PKT_FLAG_KEY)
-            ++*keys;
     }
 }
 
@@ -63,8 +65,14 @@ DiskCacheWriter::DiskCacheWriter(int viewID, const QVariantMap &options, const Q
     , m_extension(options.value(QStringLiteral("extension"), QStringLiteral("mkv")).toString())
     , m_folder(folder.isEmpty() ? QDir::temp().filePath(QStringLiteral("kutils-live-cache")) : folder)
     , m_cachedRanges(cachedRanges)
+    , m_idle(new QTimer(this))
 {
     qRegisterMetaType<videoio::FrameBuffer>("videoio::FrameBuffer");
+    // A kept encoder holds its packet buffer: let it go once no chunk came
+    // for a while, and keep it across the windows of a filter being tuned.
+    m_idle->setSingleShot(true);
+    m_idle->setInterval(kEncoderIdleMs);
+    connect(m_idle, &QTimer::timeout, this, [this] { m_open.reset(); });
 }
 
 void DiskCacheWriter::onAddtoCacheQueue(QString path, videoio::FrameBuffer frames, QPoint range, int viewID,
@@ -99,6 +107,7 @@ void DiskCacheWriter::onAddtoCacheQueue(QString path, videoio::FrameBuffer frame
                                                      .arg(m_extension));
     QString error;
     const int r = write(file, *frames, fps, chunk, &error);
+    m_idle->start();
     if (r < 0) {
         QFile::remove(file);
         emit cacheError(path, error, r);
@@ -292,3 +301,4 @@ const AVFrame *DiskCacheWriter::OpenEncoder::convert(const AVFrame &frame, int *
 }
 
 } // namespace videoio
+

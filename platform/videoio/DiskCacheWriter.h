@@ -6,6 +6,7 @@
 #include <QObject>
 #include <QPoint>
 #include <QString>
+#include <QTimer>
 #include <QVariantMap>
 
 #include <memory>
@@ -31,11 +32,16 @@ namespace videoio {
 // the range in ms; its pictures keep the timing the chunk gives them, so a
 // slowed chain makes a longer file. A range already written with the same
 // chain is not written again until onClearcachedRangeReqAndHistory forgets
-// what was written: the file on disk is announced again instead.
+// what was written: the file on disk is announced again instead. Files of
+// the same pictures share one encoder while it gives a key packet for each,
+// kept kEncoderIdleMs after the last file.
 class DiskCacheWriter : public QObject
 {
     Q_OBJECT
 public:
+    // How long the encoder of the last file is kept for the next one.
+    static constexpr int kEncoderIdleMs = 3000;
+
     DiskCacheWriter(int viewID, const QVariantMap &options, const QString &folder,
                     std::vector<QPoint> *cachedRanges, QObject *parent = nullptr);
 
@@ -88,6 +94,7 @@ private:
     std::vector<Written> m_written;
     int m_fileCount = 0;
     std::unique_ptr<OpenEncoder> m_open;
+    QTimer *const m_idle;
 };
 
 } // namespace videoio
