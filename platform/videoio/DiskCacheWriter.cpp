@@ -135,7 +135,7 @@ bool DiskCacheWriter::OpenEncoder::fits(const AVFrame &frame) const
         && av_cmp_q(context->sample_aspect_ratio, frame.sample_aspect_ratio) == 0 && source == frame.format;
 }
 
-int DiskCacheWriter::openEncoder(const AVFrame &first, bool globalHeader, QString *error)
+int DiskCacheWriter::openEncoder(const AVFrame &first, AVRational rate, bool globalHeader, QString *error)
 {
     const auto fail = [error](const QString &why, int code) {
         *error = QStringLiteral("%1: %2").arg(why, errorText(code));
@@ -159,6 +159,7 @@ int DiskCacheWriter::openEncoder(const AVFrame &first, bool globalHeader, QStrin
                                        : sourceFormat;
     // Pictures carry their time in ms; each file states its own rate.
     encoder->time_base = AVRational{1, 1000};
+    encoder->framerate = rate;
     encoder->sample_aspect_ratio = first.sample_aspect_ratio;
     encoder->gop_size = 1;
     if (globalHeader)
@@ -197,16 +198,15 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
     if (r < 0 || !output)
         return fail(QStringLiteral("no muxer for %1").arg(file), r < 0 ? r : AVERROR_MUXER_NOT_FOUND);
 
+    // Players read the rate; a slowed chain makes a slower one.
+    const AVRational rate = av_d2q((fps > 0 ? fps : 30.0) / (chunk.slowMoFactor > 0 ? chunk.slowMoFactor : 1.0),
+                                   1001000);
     if (!m_open || !m_open->fits(*first)) {
-        r = openEncoder(*first, output->oformat->flags & AVFMT_GLOBALHEADER, error);
+        r = openEncoder(*first, rate, output->oformat->flags & AVFMT_GLOBALHEADER, error);
         if (r < 0)
             return r;
     }
     AVCodecContext *encoder = m_open->context.get();
-
-    // Players read the rate; a slowed chain makes a slower one.
-    const AVRational rate = av_d2q((fps > 0 ? fps : 30.0) / (chunk.slowMoFactor > 0 ? chunk.slowMoFactor : 1.0),
-                                   1001000);
     AVStream *stream = avformat_new_stream(output.get(), nullptr);
     if (!stream)
         return fail(QStringLiteral("no stream"), AVERROR(ENOMEM));

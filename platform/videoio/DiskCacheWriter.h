@@ -78,7 +78,7 @@ private:
     // Encodes `frames` into `file`; an FFmpeg error code and `error` on failure.
     int write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
               const PreviewChunk &chunk, QString *error);
-    int openEncoder(const AVFrame &first, bool globalHeader, QString *error);
+    int openEncoder(const AVFrame &first, AVRational rate, bool globalHeader, QString *error);
 
     const int m_viewID;
     const QString m_encoder;
