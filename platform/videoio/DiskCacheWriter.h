@@ -20,9 +20,10 @@ namespace videoio {
 //
 // Constructor arguments:
 // - viewID: the view whose buffers it takes; buffers of other views are refused;
-// - options: "encoder" (an FFmpeg encoder name, default "ffv1", lossless and
-//   intra-only so any frame of the file can be shown at once) and "extension"
-//   (the container, default "mkv");
+// - options: "encoder" (an FFmpeg encoder name; by default utvideo when it
+//   takes the pictures' format as it is, else ffv1: lossless and intra-only,
+//   so any frame of the file can be shown at once) and "extension" (the
+//   container, default "mkv");
 // - folder: where the files go, the system's temporary folder
 //   (kutils-live-cache) when empty;
 // - cachedRanges: when not null, the writer appends the range of every file it

@@ -318,6 +318,7 @@ private slots:
     void diskCacheFilesHoldTheirOwnPictures_data()
     {
         QTest::addColumn<QString>("encoder");
+        QTest::newRow("chosen by the writer, kept") << "";
         QTest::newRow("key pictures only, kept") << "ffv1";
         QTest::newRow("with a lookahead, flushed") << "libx264";
     }
@@ -326,7 +327,8 @@ private slots:
     {
         QFETCH(QString, encoder);
         QTemporaryDir cacheDir;
-        DiskCacheWriter writer(1, {{"encoder", encoder}}, cacheDir.path(), nullptr);
+        DiskCacheWriter writer(1, encoder.isEmpty() ? QVariantMap{} : QVariantMap{{"encoder", encoder}},
+                               cacheDir.path(), nullptr);
         QSignalSpy cached(&writer, &DiskCacheWriter::chunkCached);
         InstantReader reader(m_clip, 1);
         connect(&reader, &InstantReader::previewBufferReady, &writer, &DiskCacheWriter::onAddtoCacheQueue);
