@@ -55,14 +55,25 @@ int encode(AVCodecContext *encoder, const AVFrame *frame, AVFormatContext *outpu
     }
 }
 
+// The matrix a player assumes for untagged pictures: BT.709 from HD up.
+AVColorSpace shownColorSpace(const AVFrame &picture)
+{
+    if (picture.colorspace != AVCOL_SPC_UNSPECIFIED)
+        return picture.colorspace;
+    return picture.width >= 1280 || picture.height > 576 ? AVCOL_SPC_BT709 : AVCOL_SPC_BT470BG;
+}
+
 // Lossless and intra-only, so any frame of a file can be shown at once:
 // utvideo writes a 1080p picture in about a third of ffv1's time (in files
-// three times as large) but takes 8-bit formats only; ffv1 takes the rest.
-QString losslessEncoderFor(AVPixelFormat format)
+// three times as large), but it takes 8-bit formats of limited range only and
+// its files always name their matrix, BT.601 or BT.709; ffv1 takes the rest.
+QString losslessEncoderFor(const AVFrame &picture)
 {
+    const AVColorSpace matrix = shownColorSpace(picture);
+    const bool named = matrix == AVCOL_SPC_BT709 || matrix == AVCOL_SPC_BT470BG || matrix == AVCOL_SPC_SMPTE170M;
     const AVCodec *fast = avcodec_find_encoder_by_name("utvideo");
     for (const AVPixelFormat *f = fast ? fast->pix_fmts : nullptr; f && *f != AV_PIX_FMT_NONE; ++f) {
-        if (*f == format)
+        if (*f == picture.format && named && picture.color_range != AVCOL_RANGE_JPEG)
             return QStringLiteral("utvideo");
     }
     return QStringLiteral("ffv1");
@@ -156,7 +167,7 @@ int DiskCacheWriter::openEncoder(const AVFrame &first, AVRational rate, bool glo
     };
     m_open.reset();
     const auto sourceFormat = static_cast<AVPixelFormat>(first.format);
-    const QString name = m_encoder.isEmpty() ? losslessEncoderFor(sourceFormat) : m_encoder;
+    const QString name = m_encoder.isEmpty() ? losslessEncoderFor(first) : m_encoder;
     const AVCodec *codec = avcodec_find_encoder_by_name(name.toUtf8().constData());
     if (!codec || codec->type != AVMEDIA_TYPE_VIDEO)
         return fail(QStringLiteral("no video encoder \"%1\"").arg(name), AVERROR_ENCODER_NOT_FOUND);
@@ -175,6 +186,9 @@ int DiskCacheWriter::openEncoder(const AVFrame &first, AVRational rate, bool glo
     encoder->time_base = AVRational{1, 1000};
     encoder->framerate = rate;
     encoder->sample_aspect_ratio = first.sample_aspect_ratio;
+    // A file that names its matrix must name the one the source is shown with.
+    if (name == QLatin1String("utvideo"))
+        encoder->colorspace = shownColorSpace(first);
     encoder->gop_size = 1;
     if (globalHeader)
         encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
