@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QLoggingCategory>
+#include <QTimer>
 
 extern "C" {
 #include <libavutil/error.h>
@@ -25,11 +26,12 @@ QString errorText(int code)
     return QString::fromUtf8(text);
 }
 
-// Sends `frame` (null to flush) and writes every packet the encoder gives;
-// the encoder is intra-only, so the packet out is the picture in and lasts
-// `duration` ms: the file's length then ends with its last picture's.
+// Sends `frame` (null to flush) and writes every packet the encoder gives,
+// counting the key packets in `keys`; the encoder makes key pictures only,
+// so the packet out is the picture in and lasts `duration` ms: the file's
+// length then ends with its last picture's.
 int encode(AVCodecContext *encoder, const AVFrame *frame, AVFormatContext *output, AVStream *stream,
-           AVPacket *packet, int64_t duration)
+           AVPacket *packet, int64_t duration, int *keys)
 {
     int r = avcodec_send_frame(encoder, frame);
     if (r < 0)
@@ -44,10 +46,37 @@ int encode(AVCodecContext *encoder, const AVFrame *frame, AVFormatContext *outpu
             packet->duration = duration;
         av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
         packet->stream_index = stream->index;
+        // Writing takes the packet and blanks it.
+        if (packet->flags & AV_PKT_FLAG_KEY)
+            ++*keys;
         r = av_interleaved_write_frame(output, packet);
         if (r < 0)
             return r;
     }
+}
+
+// The matrix a player assumes for untagged pictures: BT.709 from HD up.
+AVColorSpace shownColorSpace(const AVFrame &picture)
+{
+    if (picture.colorspace != AVCOL_SPC_UNSPECIFIED)
+        return picture.colorspace;
+    return picture.width >= 1280 || picture.height > 576 ? AVCOL_SPC_BT709 : AVCOL_SPC_BT470BG;
+}
+
+// Lossless and intra-only, so any frame of a file can be shown at once:
+// utvideo writes a 1080p picture in about a third of ffv1's time (in files
+// three times as large), but it takes 8-bit formats of limited range only and
+// its files always name their matrix, BT.601 or BT.709; ffv1 takes the rest.
+QString losslessEncoderFor(const AVFrame &picture)
+{
+    const AVColorSpace matrix = shownColorSpace(picture);
+    const bool named = matrix == AVCOL_SPC_BT709 || matrix == AVCOL_SPC_BT470BG || matrix == AVCOL_SPC_SMPTE170M;
+    const AVCodec *fast = avcodec_find_encoder_by_name("utvideo");
+    for (const AVPixelFormat *f = fast ? fast->pix_fmts : nullptr; f && *f != AV_PIX_FMT_NONE; ++f) {
+        if (*f == picture.format && named && picture.color_range != AVCOL_RANGE_JPEG)
+            return QStringLiteral("utvideo");
+    }
+    return QStringLiteral("ffv1");
 }
 
 } // namespace
@@ -56,12 +85,18 @@ DiskCacheWriter::DiskCacheWriter(int viewID, const QVariantMap &options, const Q
                                  std::vector<QPoint> *cachedRanges, QObject *parent)
     : QObject(parent)
     , m_viewID(viewID)
-    , m_encoder(options.value(QStringLiteral("encoder"), QStringLiteral("ffv1")).toString())
+    , m_encoder(options.value(QStringLiteral("encoder")).toString())
     , m_extension(options.value(QStringLiteral("extension"), QStringLiteral("mkv")).toString())
     , m_folder(folder.isEmpty() ? QDir::temp().filePath(QStringLiteral("kutils-live-cache")) : folder)
     , m_cachedRanges(cachedRanges)
+    , m_idle(new QTimer(this))
 {
     qRegisterMetaType<videoio::FrameBuffer>("videoio::FrameBuffer");
+    // A kept encoder holds its packet buffer: let it go once no chunk came
+    // for a while, and keep it across the windows of a filter being tuned.
+    m_idle->setSingleShot(true);
+    m_idle->setInterval(kEncoderIdleMs);
+    connect(m_idle, &QTimer::timeout, this, [this] { m_open.reset(); });
 }
 
 void DiskCacheWriter::onAddtoCacheQueue(QString path, videoio::FrameBuffer frames, QPoint range, int viewID,
@@ -96,6 +131,7 @@ void DiskCacheWriter::onAddtoCacheQueue(QString path, videoio::FrameBuffer frame
                                                      .arg(m_extension));
     QString error;
     const int r = write(file, *frames, fps, chunk, &error);
+    m_idle->start();
     if (r < 0) {
         QFile::remove(file);
         emit cacheError(path, error, r);
@@ -117,10 +153,67 @@ void DiskCacheWriter::onClearcachedRangeReqAndHistory(int viewID)
         m_cachedRanges->clear();
 }
 
-int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
-                           const PreviewChunk &chunk, QString *error) const
+bool DiskCacheWriter::OpenEncoder::fits(const AVFrame &frame) const
+{
+    return context->width == frame.width && context->height == frame.height
+        && av_cmp_q(context->sample_aspect_ratio, frame.sample_aspect_ratio) == 0 && source == frame.format;
+}
+
+int DiskCacheWriter::openEncoder(const AVFrame &first, AVRational rate, bool globalHeader, QString *error)
 {
     const auto fail = [error](const QString &why, int code) {
+        *error = QStringLiteral("%1: %2").arg(why, errorText(code));
+        return code;
+    };
+    m_open.reset();
+    const auto sourceFormat = static_cast<AVPixelFormat>(first.format);
+    const QString name = m_encoder.isEmpty() ? losslessEncoderFor(first) : m_encoder;
+    const AVCodec *codec = avcodec_find_encoder_by_name(name.toUtf8().constData());
+    if (!codec || codec->type != AVMEDIA_TYPE_VIDEO)
+        return fail(QStringLiteral("no video encoder \"%1\"").arg(name), AVERROR_ENCODER_NOT_FOUND);
+    auto open = std::make_unique<OpenEncoder>();
+    open->context.reset(avcodec_alloc_context3(codec));
+    AVCodecContext *encoder = open->context.get();
+    if (!encoder)
+        return fail(QStringLiteral("no encoder context"), AVERROR(ENOMEM));
+
+    open->source = sourceFormat;
+    encoder->width = first.width;
+    encoder->height = first.height;
+    encoder->pix_fmt = codec->pix_fmts ? avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, sourceFormat, 0, nullptr)
+                                       : sourceFormat;
+    // Pictures carry their time in ms; each file states its own rate.
+    encoder->time_base = AVRational{1, 1000};
+    encoder->framerate = rate;
+    encoder->sample_aspect_ratio = first.sample_aspect_ratio;
+    // A file that names its matrix must name the one the source is shown with.
+    if (name == QLatin1String("utvideo"))
+        encoder->colorspace = shownColorSpace(first);
+    encoder->gop_size = 1;
+    if (globalHeader)
+        encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    // Slices let the encoder use every core; a lossless 1080p picture is
+    // otherwise slower to write than to decode and filter.
+    encoder->thread_count = 0;
+    AVDictionary *encoderOptions = nullptr;
+    if (name == QLatin1String("ffv1")) {
+        av_dict_set(&encoderOptions, "level", "3", 0);
+        av_dict_set(&encoderOptions, "slices", "4", 0);
+    }
+    const int r = avcodec_open2(encoder, codec, &encoderOptions);
+    av_dict_free(&encoderOptions);
+    if (r < 0)
+        return fail(QStringLiteral("encoder \"%1\" does not open").arg(name), r);
+    m_open = std::move(open);
+    return 0;
+}
+
+int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_ptr<AVFrame>> &frames, double fps,
+                           const PreviewChunk &chunk, QString *error)
+{
+    const auto fail = [this, error](const QString &why, int code) {
+        // An encoder that failed halfway may hold pictures of this file.
+        m_open.reset();
         *error = QStringLiteral("%1: %2").arg(why, errorText(code));
         return code;
     };
@@ -133,44 +226,19 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
     if (r < 0 || !output)
         return fail(QStringLiteral("no muxer for %1").arg(file), r < 0 ? r : AVERROR_MUXER_NOT_FOUND);
 
-    const AVCodec *codec = avcodec_find_encoder_by_name(m_encoder.toUtf8().constData());
-    if (!codec || codec->type != AVMEDIA_TYPE_VIDEO)
-        return fail(QStringLiteral("no video encoder \"%1\"").arg(m_encoder), AVERROR_ENCODER_NOT_FOUND);
-    ff::CodecPtr encoder(avcodec_alloc_context3(codec));
-    if (!encoder)
-        return fail(QStringLiteral("no encoder context"), AVERROR(ENOMEM));
-
-    const auto sourceFormat = static_cast<AVPixelFormat>(first->format);
-    // Pictures carry their time in ms; the rate is only what players read.
+    // Players read the rate; a slowed chain makes a slower one.
     const AVRational rate = av_d2q((fps > 0 ? fps : 30.0) / (chunk.slowMoFactor > 0 ? chunk.slowMoFactor : 1.0),
                                    1001000);
-    encoder->width = first->width;
-    encoder->height = first->height;
-    encoder->pix_fmt = codec->pix_fmts ? avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, sourceFormat, 0, nullptr)
-                                       : sourceFormat;
-    encoder->time_base = AVRational{1, 1000};
-    encoder->framerate = rate;
-    encoder->sample_aspect_ratio = first->sample_aspect_ratio;
-    encoder->gop_size = 1;
-    if (output->oformat->flags & AVFMT_GLOBALHEADER)
-        encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    // Slices let the encoder use every core; a lossless 1080p picture is
-    // otherwise slower to write than to decode and filter.
-    encoder->thread_count = 0;
-    AVDictionary *encoderOptions = nullptr;
-    if (m_encoder == QLatin1String("ffv1")) {
-        av_dict_set(&encoderOptions, "level", "3", 0);
-        av_dict_set(&encoderOptions, "slices", "4", 0);
+    if (!m_open || !m_open->fits(*first)) {
+        r = openEncoder(*first, rate, output->oformat->flags & AVFMT_GLOBALHEADER, error);
+        if (r < 0)
+            return r;
     }
-    r = avcodec_open2(encoder.get(), codec, &encoderOptions);
-    av_dict_free(&encoderOptions);
-    if (r < 0)
-        return fail(QStringLiteral("encoder \"%1\" does not open").arg(m_encoder), r);
-
+    AVCodecContext *encoder = m_open->context.get();
     AVStream *stream = avformat_new_stream(output.get(), nullptr);
     if (!stream)
         return fail(QStringLiteral("no stream"), AVERROR(ENOMEM));
-    r = avcodec_parameters_from_context(stream->codecpar, encoder.get());
+    r = avcodec_parameters_from_context(stream->codecpar, encoder);
     if (r < 0)
         return fail(QStringLiteral("encoder parameters"), r);
     stream->time_base = encoder->time_base;
@@ -186,16 +254,8 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
         return fail(QStringLiteral("cannot write the header of %1").arg(file), r);
 
     ff::PacketPtr packet = ff::makePacket();
-    ff::FramePtr converted = ff::makeFrame();
-    converted->width = encoder->width;
-    converted->height = encoder->height;
-    converted->format = encoder->pix_fmt;
-    r = av_frame_get_buffer(converted.get(), 0);
-    if (r < 0)
-        return fail(QStringLiteral("no picture buffer"), r);
-
-    ff::SwsPtr sws;
     int64_t index = 0;
+    int keys = 0;
     const auto durationOf = [&](size_t i) {
         const int64_t end = i + 1 < frames.size() ? frames[i + 1]->pts : chunk.durationMs;
         return std::max<int64_t>(1, end - frames[i]->pts);
@@ -211,32 +271,62 @@ int DiskCacheWriter::write(const QString &file, const std::vector<std::shared_pt
                 return fail(QStringLiteral("picture %1").arg(index), AVERROR(ENOMEM));
             picture = shared.get();
         } else {
-            // Every other picture goes to the first one's size and the encoder's format.
-            sws.reset(sws_getCachedContext(sws.release(), frame->width, frame->height,
-                                           static_cast<AVPixelFormat>(frame->format), encoder->width,
-                                           encoder->height, encoder->pix_fmt,
-                                           SWS_BICUBIC | SWS_ACCURATE_RND | SWS_BITEXACT, nullptr, nullptr, nullptr));
-            if (!sws)
-                return fail(QStringLiteral("no conversion for picture %1").arg(index), AVERROR(EINVAL));
-            r = av_frame_make_writable(converted.get());
-            if (r < 0)
-                return fail(QStringLiteral("picture buffer"), r);
-            sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, converted->data,
-                      converted->linesize);
-            converted->pts = frame->pts;
-            picture = converted.get();
+            picture = m_open->convert(*frame, &r);
+            if (!picture)
+                return fail(QStringLiteral("no conversion for picture %1").arg(index), r);
         }
-        r = encode(encoder.get(), picture, output.get(), stream, packet.get(), durationOf(index++));
+        r = encode(encoder, picture, output.get(), stream, packet.get(), durationOf(index++), &keys);
         if (r < 0)
             return fail(QStringLiteral("encoding picture %1").arg(index - 1), r);
     }
-    r = encode(encoder.get(), nullptr, output.get(), stream, packet.get(), 0);
-    if (r < 0)
-        return fail(QStringLiteral("flushing the encoder"), r);
+    // An encoder that gave a key packet for every picture holds nothing of
+    // this file and serves the next one: opening one per file is costly, as
+    // ffv1 starts its slice threads and takes a worst-case packet buffer
+    // (hundreds of MB at 1080p) each time, faulted in page by page. Any other
+    // is flushed into this file, after which it takes no more pictures.
+    if (keys < int(frames.size())) {
+        r = encode(encoder, nullptr, output.get(), stream, packet.get(), 0, &keys);
+        m_open.reset();
+        if (r < 0)
+            return fail(QStringLiteral("flushing the encoder"), r);
+    }
     r = av_write_trailer(output.get());
     if (r < 0)
         return fail(QStringLiteral("cannot finish %1").arg(file), r);
     return 0;
 }
 
+const AVFrame *DiskCacheWriter::OpenEncoder::convert(const AVFrame &frame, int *error)
+{
+    *error = AVERROR(EINVAL);
+    if (!converted) {
+        converted = ff::makeFrame();
+        if (!converted) {
+            *error = AVERROR(ENOMEM);
+            return nullptr;
+        }
+        converted->width = context->width;
+        converted->height = context->height;
+        converted->format = context->pix_fmt;
+        *error = av_frame_get_buffer(converted.get(), 0);
+        if (*error < 0) {
+            converted.reset();
+            return nullptr;
+        }
+    }
+    // Every other picture goes to the first one's size and the encoder's format.
+    sws.reset(sws_getCachedContext(sws.release(), frame.width, frame.height, static_cast<AVPixelFormat>(frame.format),
+                                   context->width, context->height, context->pix_fmt,
+                                   SWS_BICUBIC | SWS_ACCURATE_RND | SWS_BITEXACT, nullptr, nullptr, nullptr));
+    if (!sws)
+        return nullptr;
+    *error = av_frame_make_writable(converted.get());
+    if (*error < 0)
+        return nullptr;
+    sws_scale(sws.get(), frame.data, frame.linesize, 0, frame.height, converted->data, converted->linesize);
+    converted->pts = frame.pts;
+    return converted.get();
+}
+
 } // namespace videoio
+

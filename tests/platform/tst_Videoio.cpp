@@ -714,6 +714,34 @@ private slots:
         QVERIFY(cached.at(3).at(0).toString() != plainFile);
     }
 
+    // Files of the same pictures share an encoder that gives a packet for each
+    // picture; one that holds pictures back is flushed into each file.
+    void diskCacheFilesHoldTheirOwnPictures_data()
+    {
+        QTest::addColumn<QString>("encoder");
+        QTest::newRow("chosen by the writer, kept") << "";
+        QTest::newRow("key pictures only, kept") << "ffv1";
+        QTest::newRow("with a lookahead, flushed") << "libx264";
+    }
+
+    void diskCacheFilesHoldTheirOwnPictures()
+    {
+        QFETCH(QString, encoder);
+        QTemporaryDir cacheDir;
+        DiskCacheWriter writer(1, encoder.isEmpty() ? QVariantMap{} : QVariantMap{{"encoder", encoder}},
+                               cacheDir.path(), nullptr);
+        QSignalSpy cached(&writer, &DiskCacheWriter::chunkCached);
+        InstantReader reader(m_clip, 1);
+        connect(&reader, &InstantReader::previewBufferReady, &writer, &DiskCacheWriter::onAddtoCacheQueue);
+        for (const char *chain : {"hflip", "negate"}) {
+            QVERIFY(installGraph(reader, chain));
+            QCOMPARE(reader.render(0, 1299, 0, never).chunks, 2);
+        }
+        QCOMPARE(cached.count(), 4);
+        for (int i = 0; i < 4; ++i)
+            QCOMPARE(FFReaderUtils::countFrames(cached.at(i).at(0).toString(), 0), size_t(i % 2 ? 19 : 20));
+    }
+
     void diskCacheReportsFailures_data()
     {
         QTest::addColumn<QVariantMap>("options");

@@ -8,4 +8,5 @@ kutils_add_test(tst_VideoPlayer SOURCES tst_VideoPlayer.cpp LIBS kutils_playback
 # libmpv, whose hardware-decoder probing leaks in libraries it unloads again
 # (see Mpv.cmake): no leak check there.
 kutils_add_test(tst_VideoPlayerMpv SOURCES tst_VideoPlayerMpv.cpp LIBS kutils_playback Qt6::Quick Qt6::Qml GUI SERIAL
-                ENV ASAN_OPTIONS=detect_leaks=0 TSAN_OPTIONS=die_after_fork=0)
+                ENV ASAN_OPTIONS=detect_leaks=0
+                TSAN_OPTIONS=die_after_fork=0:suppressions=${CMAKE_CURRENT_LIST_DIR}/tsan.supp)
