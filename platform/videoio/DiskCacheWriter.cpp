@@ -155,8 +155,10 @@ void DiskCacheWriter::onClearcachedRangeReqAndHistory(int viewID)
 
 bool DiskCacheWriter::OpenEncoder::fits(const AVFrame &frame) const
 {
+    // The colours decide the encoder and the matrix its files name.
     return context->width == frame.width && context->height == frame.height
-        && av_cmp_q(context->sample_aspect_ratio, frame.sample_aspect_ratio) == 0 && source == frame.format;
+        && av_cmp_q(context->sample_aspect_ratio, frame.sample_aspect_ratio) == 0 && source == frame.format
+        && matrix == shownColorSpace(frame) && range == frame.color_range;
 }
 
 int DiskCacheWriter::openEncoder(const AVFrame &first, AVRational rate, bool globalHeader, QString *error)
@@ -178,6 +180,8 @@ int DiskCacheWriter::openEncoder(const AVFrame &first, AVRational rate, bool glo
         return fail(QStringLiteral("no encoder context"), AVERROR(ENOMEM));
 
     open->source = sourceFormat;
+    open->matrix = shownColorSpace(first);
+    open->range = first.color_range;
     encoder->width = first.width;
     encoder->height = first.height;
     encoder->pix_fmt = codec->pix_fmts ? avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, sourceFormat, 0, nullptr)
@@ -188,7 +192,7 @@ int DiskCacheWriter::openEncoder(const AVFrame &first, AVRational rate, bool glo
     encoder->sample_aspect_ratio = first.sample_aspect_ratio;
     // A file that names its matrix must name the one the source is shown with.
     if (name == QLatin1String("utvideo"))
-        encoder->colorspace = shownColorSpace(first);
+        encoder->colorspace = open->matrix;
     encoder->gop_size = 1;
     if (globalHeader)
         encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;

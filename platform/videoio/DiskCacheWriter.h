@@ -68,6 +68,8 @@ private:
     {
         ff::CodecPtr context;
         int source = -1;  // the pixel format it was opened for
+        AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
+        AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
         ff::FramePtr converted;
         ff::SwsPtr sws;
 

@@ -55,6 +55,17 @@ bool takeNext(std::mutex &mutex, std::condition_variable &cv, Queue &queue, cons
     return true;
 }
 
+// The UI thread appends under the queue's lock and wakes the loop that takes.
+template<typename Queue, typename Item>
+void pushAndWake(std::mutex &mutex, std::condition_variable &cv, Queue &queue, Item &&item)
+{
+    {
+        const std::lock_guard lock(mutex);
+        queue.push_back(std::forward<Item>(item));
+    }
+    cv.notify_one();
+}
+
 } // namespace
 
 InstantReaderWatcher::InstantReaderWatcher(QObject *parent)
@@ -123,6 +134,14 @@ InstantReaderWatcher::View *InstantReaderWatcher::view(int viewID, const char *c
         return m_views[viewID].get();
     log(QStringLiteral("%1: there is no view %2").arg(QLatin1String(caller)).arg(viewID), ConsoleLogger::Warn);
     qCWarning(lcWatcher) << caller << ": there is no view" << viewID;
+    return nullptr;
+}
+
+InstantReaderWatcher::View *InstantReaderWatcher::ownLoopView(int viewID, const char *loop)
+{
+    if (tl_ownLoop)
+        return view(viewID, loop);
+    qCWarning(lcWatcher) << loop << "runs only on its own thread";
     return nullptr;
 }
 
@@ -354,20 +373,16 @@ void InstantReaderWatcher::queueDurationCheck(int viewID, int uid, QString fileP
     View *v = view(viewID, "queueDurationCheck");
     if (!v)
         return;
-    {
-        const std::lock_guard lock(v->durationMutex);
-        v->fileDurationRequests.push_back({uid, filePath, processInfo});
-    }
-    v->durationWake.notify_one();
+    pushAndWake(v->durationMutex, v->durationWake, v->fileDurationRequests,
+                DurationRequest{uid, filePath, processInfo});
 }
 
 void InstantReaderWatcher::handleFileDurationReqQueue(int viewID)
 {
-    if (!tl_ownLoop || !view(viewID, "handleFileDurationReqQueue")) {
-        qCWarning(lcWatcher) << "handleFileDurationReqQueue runs only on its own thread";
+    View *const own = ownLoopView(viewID, "handleFileDurationReqQueue");
+    if (!own)
         return;
-    }
-    View &v = *m_views[viewID];
+    View &v = *own;
     while (m_running) {
         DurationRequest request;
         if (!takeNext(v.durationMutex, v.durationWake, v.fileDurationRequests, m_running, [&request](auto &queue) {
@@ -538,21 +553,16 @@ void InstantReaderWatcher::onFilterGraphReady(AVFilterContext *src, AVFilterCont
         avfilter_graph_free(&fg);
         return;
     }
-    {
-        const std::lock_guard lock(v->graphMutex);
-        v->filterGraphQueue.push_back({src, sink, fg, counter, viewID});
-    }
+    pushAndWake(v->graphMutex, v->graphWake, v->filterGraphQueue, FilterGraphReady{src, sink, fg, counter, viewID});
     log(QStringLiteral("^^&& added req for FG ready"));
-    v->graphWake.notify_one();
 }
 
 void InstantReaderWatcher::processFilterGraphQueue(int viewID)
 {
-    if (!tl_ownLoop || !view(viewID, "processFilterGraphQueue")) {
-        qCWarning(lcWatcher) << "processFilterGraphQueue runs only on its own thread";
+    View *const own = ownLoopView(viewID, "processFilterGraphQueue");
+    if (!own)
         return;
-    }
-    View &v = *m_views[viewID];
+    View &v = *own;
     while (m_running) {
         log(QStringLiteral("Waiting for FG queue item..."));
         std::vector<FilterGraphReady> queue;
@@ -594,11 +604,10 @@ void InstantReaderWatcher::processFilterGraphQueue(int viewID)
 
 void InstantReaderWatcher::processCloseRequests(int viewID)
 {
-    if (!tl_ownLoop || !view(viewID, "processCloseRequests")) {
-        qCWarning(lcWatcher) << "processCloseRequests runs only on its own thread";
+    View *const own = ownLoopView(viewID, "processCloseRequests");
+    if (!own)
         return;
-    }
-    View &v = *m_views[viewID];
+    View &v = *own;
     while (m_running) {
         std::shared_ptr<videoio::InstantReader> reader;
         if (!takeNext(v.closeMutex, v.closeWake, v.closeRequests, m_running, [&reader](auto &queue) {
@@ -617,11 +626,7 @@ void InstantReaderWatcher::enqueueCloseRequest(std::shared_ptr<videoio::InstantR
         return;
     View &v = setUpView(viewID);
     log(QStringLiteral("Enqueued IR to close: %1").arg(ptrText(reader.get())));
-    {
-        const std::lock_guard lock(v.closeMutex);
-        v.closeRequests.push_back(std::move(reader));
-    }
-    v.closeWake.notify_one();
+    pushAndWake(v.closeMutex, v.closeWake, v.closeRequests, std::move(reader));
 }
 
 void InstantReaderWatcher::handleSeekingStatusChanged(int viewID, bool status, bool shouldPause)

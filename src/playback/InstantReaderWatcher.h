@@ -158,6 +158,8 @@ private:
     };
 
     View *view(int viewID, const char *caller);
+    // The view whose loop calls, or null (logged) from any other thread.
+    View *ownLoopView(int viewID, const char *loop);
     View &setUpView(int viewID);
     void renderLoop(int viewID);
     void runRender(int viewID, const RenderRequest &request);

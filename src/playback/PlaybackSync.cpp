@@ -139,12 +139,12 @@ void PlaybackSync::holdFrameLock(int mpvID, const Video &video, float inputPos, 
         reportedAt = pane.reportTime();
         playing = pane.getCurrentPlayingVideoPath();
     });
-    bool followerHeard = true;
-    player.usePane(FrameLock::kFollower, [&](MPVObject &pane) { followerHeard = !pane.player().isMuted(); });
     // A report from the file before a load, or a pane never started, says
     // nothing about where the pane's frames stand.
     if (playing != video.filepath || reportedAt <= 0 || !(video.framerate > 0) || !(inputFramerate > 0))
         return;
+    bool followerHeard = true;
+    player.usePane(FrameLock::kFollower, [&](MPVObject &pane) { followerHeard = !pane.player().isMuted(); });
     const ViewNode *n = player.node(mpvID);
     const double factor = n->slowMotion > 0 ? n->slowMotion : 1.0;
     const double rate = player.baseSpeed[static_cast<size_t>(mpvID)] / factor;
